@@ -12,7 +12,8 @@ extern "C" {
 typedef void (*vorna_log_host_writer_t)(vlr_log_level_t level, const char* text, void* context);
 
 /* Installs a writer that receives every message instead of standard error; null restores
- * standard error. */
+ * standard error. The writer runs under the library's lock, so once this returns the previous
+ * writer is no longer being called; a message the writer logs itself goes to standard error. */
 void vorna_log_host_set_writer(vorna_log_host_writer_t writer, void* context);
 
 #ifdef __cplusplus

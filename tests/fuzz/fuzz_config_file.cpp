@@ -1,6 +1,7 @@
 // The start-up configuration file, as arbitrary bytes.
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 
 #include "core/trace.h"
 #include "core/websock_cfg.h"
@@ -22,9 +23,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     trace.set_log_level(0);
     for (const auto& service : config->services) {
         // Every text must stay terminated inside its field.
-        if (__builtin_strnlen(service.host, sizeof(service.host)) == sizeof(service.host) ||
-            __builtin_strnlen(service.path, sizeof(service.path)) == sizeof(service.path) ||
-            __builtin_strnlen(service.ap_location, sizeof(service.ap_location)) == sizeof(service.ap_location))
+        if (strnlen(service.host, sizeof(service.host)) == sizeof(service.host) ||
+            strnlen(service.path, sizeof(service.path)) == sizeof(service.path) ||
+            strnlen(service.ap_location, sizeof(service.ap_location)) == sizeof(service.ap_location))
             __builtin_trap();
     }
     return 0;

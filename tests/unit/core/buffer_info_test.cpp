@@ -37,7 +37,7 @@ std::string numbered_rows(unsigned rows)
 {
     std::string payload;
     for (unsigned i = 0; i < rows; ++i) {
-        char row[33];
+        char row[48];  // room for any unsigned value
         snprintf(row, sizeof(row), "row%05u------------------------", i);
         payload.append(row, 32);
     }
