@@ -10,10 +10,10 @@
 
 #include "core/run_flags.h"
 
-abstract_worker::abstract_worker(const volatile bool& run_flag, const char* worker_name,
-                                 int execute_pause, int reconnect_pause)
-    : started(false), alive(false), run(run_flag), name(worker_name),
-      execute_pause_us(execute_pause), reconnect_pause_us(reconnect_pause), connected(false)
+abstract_worker::abstract_worker(const volatile bool& run_flag, const char* worker_name, int execute_pause,
+                                 int reconnect_pause)
+    : started(false), alive(false), run(run_flag), name(worker_name), execute_pause_us(execute_pause),
+      reconnect_pause_us(reconnect_pause), connected(false)
 {
 }
 

@@ -9,8 +9,7 @@
 
 class abstract_worker {
 public:
-    abstract_worker(const volatile bool& run, const char* name, int execute_pause_us,
-                    int reconnect_pause_us);
+    abstract_worker(const volatile bool& run, const char* name, int execute_pause_us, int reconnect_pause_us);
     virtual ~abstract_worker();
 
     abstract_worker(const abstract_worker&) = delete;

@@ -24,10 +24,7 @@ constexpr size_t worst_row_length = 1 + row_bytes * 9 + 4 + row_bytes + 1;
 
 class dump_text {
 public:
-    explicit dump_text(size_t size)
-        : text(static_cast<char*>(calloc(size, 1))), capacity(size)
-    {
-    }
+    explicit dump_text(size_t size) : text(static_cast<char*>(calloc(size, 1))), capacity(size) {}
     ~dump_text() { free(text); }
     dump_text(const dump_text&) = delete;
     dump_text& operator=(const dump_text&) = delete;

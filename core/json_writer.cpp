@@ -10,12 +10,10 @@ bool has_text(const char* value)
     return value != nullptr && value[0] != '\0';
 }
 
-} // namespace
+}  // namespace
 
-json_writer::json_writer(const char* service, const char* cmd, const char* ap_mac,
-                         const char* version)
-    : object(json_object_new_object()), is_array(false), text(nullptr), parent(nullptr),
-      next_index(0)
+json_writer::json_writer(const char* service, const char* cmd, const char* ap_mac, const char* version)
+    : object(json_object_new_object()), is_array(false), text(nullptr), parent(nullptr), next_index(0)
 {
     if (object == nullptr)
         return;

@@ -17,8 +17,8 @@ namespace {
 // WIDS mode: the roaming service on WebSocket, bridged to the local daemon on the bus.
 int run_wids_mode(const websock_cfg_t&)
 {
-    safe_queue from_bus;    // filled by the bus side, sent to the server
-    safe_queue from_server; // filled by the WebSocket side, sent to the bus
+    safe_queue from_bus;     // filled by the bus side, sent to the server
+    safe_queue from_server;  // filled by the WebSocket side, sent to the bus
     trace.error("%s mode is not available in this build\n", "WIDS");
     return 0;
 }
@@ -26,8 +26,8 @@ int run_wids_mode(const websock_cfg_t&)
 // RRM mode: the agent drives the radios and talks to the RRM service.
 int run_rrm_mode(const websock_cfg_t&)
 {
-    safe_queue to_server;   // the agent's output
-    safe_queue from_server; // the agent's input
+    safe_queue to_server;    // the agent's output
+    safe_queue from_server;  // the agent's input
     trace.error("%s mode is not available in this build\n", "RRM");
     return 0;
 }

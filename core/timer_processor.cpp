@@ -16,7 +16,7 @@ constexpr long max_clock_step_s = 10;
 // Readings retried before giving up on the clock.
 constexpr int max_clock_errors = 11;
 
-} // namespace
+}  // namespace
 
 timer_desc::timer_desc(const std::function<void()>& callback, int timer_id, int expiry_s)
     : function(callback), id(timer_id), expiry(expiry_s)

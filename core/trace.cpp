@@ -19,15 +19,15 @@ void orv_trace::trace(vlr_log_level_t level, const char* format, va_list& args) 
     vvorna_log_msg_timed_new(level, format, args);
 }
 
-#define ORV_TRACE_OUTPUT(operation, bit, level)                                                    \
-    void orv_trace::operation(const char* format, ...) const                                      \
-    {                                                                                              \
-        if ((get_log_level() & (bit)) == 0)                                                                   \
-            return;                                                                                \
-        va_list args;                                                                              \
-        va_start(args, format);                                                                    \
-        trace(level, format, args);                                                                \
-        va_end(args);                                                                              \
+#define ORV_TRACE_OUTPUT(operation, bit, level)                                                              \
+    void orv_trace::operation(const char* format, ...) const                                                 \
+    {                                                                                                        \
+        if ((get_log_level() & (bit)) == 0)                                                                  \
+            return;                                                                                          \
+        va_list args;                                                                                        \
+        va_start(args, format);                                                                              \
+        trace(level, format, args);                                                                          \
+        va_end(args);                                                                                        \
     }
 
 ORV_TRACE_OUTPUT(error, MASK_ERROR, VLR_LOG_ERROR)

@@ -78,7 +78,7 @@ void walk(const json_reader& reader, int depth, int& visits)
     }
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {

@@ -220,8 +220,8 @@ TEST_F(buffer_info_test, dump_writes_nothing_unless_debug_is_enabled)
 
 TEST_F(buffer_info_test, dump_of_five_bytes_is_one_padded_line)
 {
-    const std::string expected = "Buffer info dump:\n\t68 65 6C 6C 6F " + std::string(81, ' ') +
-                                 std::string(4, ' ') + "hello\n";
+    const std::string expected =
+        "Buffer info dump:\n\t68 65 6C 6C 6F " + std::string(81, ' ') + std::string(4, ' ') + "hello\n";
     EXPECT_EQ(dump_of("hello"), expected);
 }
 

@@ -187,7 +187,7 @@ TEST(json_reader, moving_hands_ownership_over)
     json_reader moved(std::move(source));
     EXPECT_EQ(moved.object, tree);
     EXPECT_TRUE(moved.owned);
-    EXPECT_TRUE(source.fail()); // NOLINT(bugprone-use-after-move)
+    EXPECT_TRUE(source.fail());  // NOLINT(bugprone-use-after-move)
     EXPECT_FALSE(source.owned);
 
     json_reader assigned(no_text);
@@ -303,11 +303,10 @@ TEST(json_writer, nested_arrays_of_objects)
     }
     aps.insert_string("", "tail");
     EXPECT_EQ(aps.next_index, 3);
-    EXPECT_EQ(text_of(root),
-              "{\"service\":\"rrm\",\"cmd\":\"neighbors\",\"aps\":["
-              "{\"id\":0,\"channels\":[1,6,[\"outdoor\"]]},"
-              "{\"id\":1,\"channels\":[2,7,[\"outdoor\"]]},"
-              "\"tail\"]}");
+    EXPECT_EQ(text_of(root), "{\"service\":\"rrm\",\"cmd\":\"neighbors\",\"aps\":["
+                             "{\"id\":0,\"channels\":[1,6,[\"outdoor\"]]},"
+                             "{\"id\":1,\"channels\":[2,7,[\"outdoor\"]]},"
+                             "\"tail\"]}");
 }
 
 TEST(json_writer, inserting_an_existing_name_replaces_the_member)
@@ -382,7 +381,7 @@ TEST(json_writer, moved_from_writer_owns_nothing)
     json_writer moved(std::move(root));
     EXPECT_EQ(moved.object, tree);
     EXPECT_EQ(moved.text, text);
-    EXPECT_TRUE(root.fail()); // NOLINT(bugprone-use-after-move)
+    EXPECT_TRUE(root.fail());  // NOLINT(bugprone-use-after-move)
     EXPECT_EQ(root.text, nullptr);
 
     json_writer other("", "", "", "");
@@ -395,7 +394,7 @@ TEST(json_writer, child_of_a_failed_writer_fails_and_adds_nothing)
 {
     json_writer root("", "", "", "");
     json_writer gone(std::move(root));
-    json_writer child = root.make_subobject("x"); // NOLINT(bugprone-use-after-move)
+    json_writer child = root.make_subobject("x");  // NOLINT(bugprone-use-after-move)
     EXPECT_TRUE(child.fail());
     child.insert_int("a", 1);
     child.insert_string("b", "c");
@@ -448,4 +447,4 @@ TEST(json_quiet, bad_input_writes_no_log_lines)
     EXPECT_TRUE(lines.empty());
 }
 
-} // namespace
+}  // namespace

@@ -432,4 +432,4 @@ TEST(timer_processor, remaining_timers_are_dropped_without_running)
     EXPECT_EQ(runs, 0);
 }
 
-} // namespace
+}  // namespace

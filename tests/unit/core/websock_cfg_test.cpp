@@ -52,10 +52,7 @@ protected:
         return websock_cfg_t(static_cast<int>(args.size()), argv.data());
     }
 
-    websock_cfg_t parse_contents(const std::string& contents)
-    {
-        return parse({"-f", write_file(contents)});
-    }
+    websock_cfg_t parse_contents(const std::string& contents) { return parse({"-f", write_file(contents)}); }
 
     std::string dir;
 };
