@@ -17,162 +17,211 @@ namespace {
 
 // json-c keeps a JSON null as a null pointer. cfg_get_param hands out this stand-in for it so
 // that a null child is still a plain value (CFG_TYPE_VALUE) and not "absent".
-char g_null_node;
-cfg_t* const kNullNode = reinterpret_cast<cfg_t*>(&g_null_node);
+char null_node_storage;
+cfg_t* const null_node = reinterpret_cast<cfg_t*>(&null_node_storage);
 
-json_object* as_json(const cfg_t* node) {
-    if (node == kNullNode) return nullptr;
+json_object* as_json(const cfg_t* node)
+{
+    if (node == null_node)
+        return nullptr;
     return reinterpret_cast<json_object*>(const_cast<cfg_t*>(node));
 }
-cfg_t* as_cfg(json_object* object) {
-    return object == nullptr ? kNullNode : reinterpret_cast<cfg_t*>(object);
+cfg_t* as_cfg(json_object* object)
+{
+    return object == nullptr ? null_node : reinterpret_cast<cfg_t*>(object);
+}
+
+bool is_json_space(char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
 // Deepest nesting of objects and arrays accepted: json-c's tokener refuses the 32nd level.
-constexpr int kMaxDepth = JSON_TOKENER_DEFAULT_DEPTH - 1;
+constexpr int max_depth = JSON_TOKENER_DEFAULT_DEPTH - 1;
 
 // A recursive-descent check of the JSON grammar; depth-bounded so hostile input cannot
 // exhaust the stack.
-class GrammarCheck {
+class grammar_check {
 public:
-    explicit GrammarCheck(const char* text) : p_(text) {}
+    explicit grammar_check(const char* text) : at(text) {}
 
-    bool whole_text_is_one_object() {
+    bool whole_text_is_one_object()
+    {
         skip_ws();
-        if (*p_ != '{') return false;
-        if (!value(0)) return false;
+        if (*at != '{')
+            return false;
+        if (!value(0))
+            return false;
         skip_ws();
-        return *p_ == '\0';
+        return *at == '\0';
     }
 
 private:
-    void skip_ws() {
-        while (*p_ == ' ' || *p_ == '\t' || *p_ == '\n' || *p_ == '\r') ++p_;
+    void skip_ws()
+    {
+        while (is_json_space(*at))
+            ++at;
     }
 
-    bool literal(const char* word) {
+    bool literal(const char* word)
+    {
         size_t n = std::strlen(word);
-        if (std::strncmp(p_, word, n) != 0) return false;
-        p_ += n;
+        if (std::strncmp(at, word, n) != 0)
+            return false;
+        at += n;
         return true;
     }
 
     static bool is_digit(char c) { return c >= '0' && c <= '9'; }
-    static bool is_hex(char c) {
-        return is_digit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-    }
+    static bool is_hex(char c) { return is_digit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 
-    bool string() {
-        if (*p_ != '"') return false;
-        ++p_;
+    bool string()
+    {
+        if (*at != '"')
+            return false;
+        ++at;
         for (;;) {
-            unsigned char c = static_cast<unsigned char>(*p_);
-            if (c == '\0' || c < 0x20) return false;  // end of text or a raw control character
-            ++p_;
-            if (c == '"') return true;
-            if (c != '\\') continue;
-            char e = *p_++;
+            unsigned char c = static_cast<unsigned char>(*at);
+            if (c == '\0' || c < 0x20)
+                return false;  // end of text or a raw control character
+            ++at;
+            if (c == '"')
+                return true;
+            if (c != '\\')
+                continue;
+            char e = *at++;
             switch (e) {
-                case '"': case '\\': case '/': case 'b': case 'f': case 'n': case 'r': case 't':
-                    break;
-                case 'u':
-                    for (int i = 0; i < 4; ++i) {
-                        if (!is_hex(*p_)) return false;
-                        ++p_;
-                    }
-                    break;
-                default:
-                    return false;
+            case '"':
+            case '\\':
+            case '/':
+            case 'b':
+            case 'f':
+            case 'n':
+            case 'r':
+            case 't':
+                break;
+            case 'u':
+                for (int i = 0; i < 4; ++i) {
+                    if (!is_hex(*at))
+                        return false;
+                    ++at;
+                }
+                break;
+            default:
+                return false;
             }
         }
     }
 
-    bool number() {
-        if (*p_ == '-') ++p_;
-        if (*p_ == '0') {
-            ++p_;
-        } else if (is_digit(*p_)) {
-            while (is_digit(*p_)) ++p_;
-        } else {
+    // One or more digits.
+    bool digits()
+    {
+        if (!is_digit(*at))
             return false;
+        while (is_digit(*at))
+            ++at;
+        return true;
+    }
+
+    bool number()
+    {
+        if (*at == '-')
+            ++at;
+        if (*at == '0')
+            ++at;
+        else if (!digits())
+            return false;
+        if (*at == '.') {
+            ++at;
+            if (!digits())
+                return false;
         }
-        if (*p_ == '.') {
-            ++p_;
-            if (!is_digit(*p_)) return false;
-            while (is_digit(*p_)) ++p_;
-        }
-        if (*p_ == 'e' || *p_ == 'E') {
-            ++p_;
-            if (*p_ == '+' || *p_ == '-') ++p_;
-            if (!is_digit(*p_)) return false;
-            while (is_digit(*p_)) ++p_;
+        if (*at == 'e' || *at == 'E') {
+            ++at;
+            if (*at == '+' || *at == '-')
+                ++at;
+            if (!digits())
+                return false;
         }
         return true;
     }
 
-    bool value(int depth) {
+    bool value(int depth)
+    {
         skip_ws();
-        switch (*p_) {
-            case '{': return object(depth + 1);
-            case '[': return array(depth + 1);
-            case '"': return string();
-            case 't': return literal("true");
-            case 'f': return literal("false");
-            case 'n': return literal("null");
-            default: return number();
+        switch (*at) {
+        case '{':
+            return object(depth + 1);
+        case '[':
+            return array(depth + 1);
+        case '"':
+            return string();
+        case 't':
+            return literal("true");
+        case 'f':
+            return literal("false");
+        case 'n':
+            return literal("null");
+        default:
+            return number();
         }
     }
 
-    bool object(int depth) {
-        if (depth > kMaxDepth) return false;
-        ++p_;  // '{'
+    // What follows the opening bracket of an object or array: members separated by commas,
+    // up to `close`.
+    template <typename member_reader>
+    bool members(char close, member_reader read_member)
+    {
+        ++at;
         skip_ws();
-        if (*p_ == '}') {
-            ++p_;
+        if (*at == close) {
+            ++at;
             return true;
         }
         for (;;) {
+            if (!read_member())
+                return false;
             skip_ws();
-            if (!string()) return false;
-            skip_ws();
-            if (*p_ != ':') return false;
-            ++p_;
-            if (!value(depth)) return false;
-            skip_ws();
-            if (*p_ == '}') {
-                ++p_;
+            if (*at == close) {
+                ++at;
                 return true;
             }
-            if (*p_ != ',') return false;
-            ++p_;
+            if (*at != ',')
+                return false;
+            ++at;
         }
     }
 
-    bool array(int depth) {
-        if (depth > kMaxDepth) return false;
-        ++p_;  // '['
-        skip_ws();
-        if (*p_ == ']') {
-            ++p_;
-            return true;
-        }
-        for (;;) {
-            if (!value(depth)) return false;
+    bool object(int depth)
+    {
+        if (depth > max_depth)
+            return false;
+        return members('}', [this, depth] {
             skip_ws();
-            if (*p_ == ']') {
-                ++p_;
-                return true;
-            }
-            if (*p_ != ',') return false;
-            ++p_;
-        }
+            if (!string())
+                return false;
+            skip_ws();
+            if (*at != ':')
+                return false;
+            ++at;
+            return value(depth);
+        });
     }
 
-    const char* p_;
+    bool array(int depth)
+    {
+        if (depth > max_depth)
+            return false;
+        return members(']', [this, depth] { return value(depth); });
+    }
+
+    const char* at;
 };
 
-char* serialize(const cfg_t* node, int flags) {
-    if (node == nullptr) return nullptr;
+char* serialize(const cfg_t* node, int flags)
+{
+    if (node == nullptr)
+        return nullptr;
     const char* text = json_object_to_json_string_ext(as_json(node), flags);
     return text == nullptr ? nullptr : strdup(text);
 }
@@ -181,29 +230,32 @@ char* serialize(const cfg_t* node, int flags) {
 
 extern "C" {
 
-cfg_t* cfg_get_empty(void) { return reinterpret_cast<cfg_t*>(json_object_new_object()); }
+cfg_t* cfg_get_empty(void)
+{
+    return reinterpret_cast<cfg_t*>(json_object_new_object());
+}
 
-cfg_t* cfg_parse_buffer(const char* text) {
-    if (text == nullptr) return nullptr;
-    if (!GrammarCheck(text).whole_text_is_one_object()) return nullptr;
+cfg_t* cfg_parse_buffer(const char* text)
+{
+    if (text == nullptr)
+        return nullptr;
+    if (!grammar_check(text).whole_text_is_one_object())
+        return nullptr;
 
     size_t length = std::strlen(text);
-    if (length > static_cast<size_t>(INT32_MAX)) return nullptr;
+    if (length > static_cast<size_t>(INT32_MAX))
+        return nullptr;
     json_tokener* tokener = json_tokener_new();
-    if (tokener == nullptr) return nullptr;
+    if (tokener == nullptr)
+        return nullptr;
     json_tokener_set_flags(tokener, JSON_TOKENER_STRICT);
     json_object* object = json_tokener_parse_ex(tokener, text, static_cast<int>(length));
     bool ok = object != nullptr && json_tokener_get_error(tokener) == json_tokener_success &&
               json_object_get_type(object) == json_type_object;
     if (ok) {
         // Only whitespace may follow the object.
-        for (size_t i = json_tokener_get_parse_end(tokener); i < length; ++i) {
-            char c = text[i];
-            if (c != ' ' && c != '\t' && c != '\n' && c != '\r') {
-                ok = false;
-                break;
-            }
-        }
+        for (size_t i = json_tokener_get_parse_end(tokener); i < length && ok; ++i)
+            ok = is_json_space(text[i]);
     }
     json_tokener_free(tokener);
     if (!ok) {
@@ -213,16 +265,22 @@ cfg_t* cfg_parse_buffer(const char* text) {
     return reinterpret_cast<cfg_t*>(object);
 }
 
-void cfg_release(cfg_t* tree) {
+void cfg_release(cfg_t* tree)
+{
     // The null stand-in maps to a null pointer, which json_object_put ignores.
-    if (tree != nullptr) json_object_put(as_json(tree));
+    if (tree != nullptr)
+        json_object_put(as_json(tree));
 }
 
-int cfg_set_param(cfg_t* node, const char* key, const char* value) {
-    if (node == nullptr || key == nullptr || value == nullptr) return -1;
-    if (!json_object_is_type(as_json(node), json_type_object)) return -1;
+int cfg_set_param(cfg_t* node, const char* key, const char* value)
+{
+    if (node == nullptr || key == nullptr || value == nullptr)
+        return -1;
+    if (!json_object_is_type(as_json(node), json_type_object))
+        return -1;
     json_object* child = json_object_new_string(value);
-    if (child == nullptr) return -1;
+    if (child == nullptr)
+        return -1;
     // json-c replaces an existing key in place, so the key keeps its position.
     if (json_object_object_add(as_json(node), key, child) != 0) {
         json_object_put(child);
@@ -231,9 +289,12 @@ int cfg_set_param(cfg_t* node, const char* key, const char* value) {
     return 0;
 }
 
-int cfg_set_node(cfg_t* node, const char* key, cfg_t* child) {
-    if (child == nullptr) return -1;
-    if (child == node) return -1;  // a node cannot hold itself; releasing it would free `node`
+int cfg_set_node(cfg_t* node, const char* key, cfg_t* child)
+{
+    if (child == nullptr)
+        return -1;
+    if (child == node)
+        return -1;  // a node cannot hold itself; releasing it would free `node`
     // The null stand-in becomes a JSON null child.
     if (node == nullptr || key == nullptr || !json_object_is_type(as_json(node), json_type_object) ||
         json_object_object_add(as_json(node), key, as_json(child)) != 0) {
@@ -243,40 +304,58 @@ int cfg_set_node(cfg_t* node, const char* key, cfg_t* child) {
     return 0;
 }
 
-cfg_t* cfg_get_param(const cfg_t* node, const char* key) {
-    if (node == nullptr || key == nullptr) return nullptr;
-    if (!json_object_is_type(as_json(node), json_type_object)) return nullptr;
+cfg_t* cfg_get_param(const cfg_t* node, const char* key)
+{
+    if (node == nullptr || key == nullptr)
+        return nullptr;
+    if (!json_object_is_type(as_json(node), json_type_object))
+        return nullptr;
     json_object* child = nullptr;
-    if (!json_object_object_get_ex(as_json(node), key, &child)) return nullptr;
+    if (!json_object_object_get_ex(as_json(node), key, &child))
+        return nullptr;
     return as_cfg(child);
 }
 
-int cfg_get_type(const cfg_t* node) {
-    if (node == nullptr) return 0;
-    if (node == kNullNode) return CFG_TYPE_VALUE;
+int cfg_get_type(const cfg_t* node)
+{
+    if (node == nullptr)
+        return 0;
+    if (node == null_node)
+        return CFG_TYPE_VALUE;
     switch (json_object_get_type(as_json(node))) {
-        case json_type_object: return CFG_TYPE_NODE;
-        case json_type_array: return CFG_TYPE_ARRAY;
-        default: return CFG_TYPE_VALUE;
+    case json_type_object:
+        return CFG_TYPE_NODE;
+    case json_type_array:
+        return CFG_TYPE_ARRAY;
+    default:
+        return CFG_TYPE_VALUE;
     }
 }
 
-const char* cfg_get_value(const cfg_t* node) {
-    if (node == nullptr || node == kNullNode) return nullptr;
+const char* cfg_get_value(const cfg_t* node)
+{
+    if (node == nullptr || node == null_node)
+        return nullptr;
     switch (json_object_get_type(as_json(node))) {
-        case json_type_string:
-        case json_type_int:
-        case json_type_double:
-        case json_type_boolean:
-            // For numbers and booleans json-c keeps the text inside the object.
-            return json_object_get_string(as_json(node));
-        default:
-            return nullptr;
+    case json_type_string:
+    case json_type_int:
+    case json_type_double:
+    case json_type_boolean:
+        // For numbers and booleans json-c keeps the text inside the object.
+        return json_object_get_string(as_json(node));
+    default:
+        return nullptr;
     }
 }
 
-char* cfg_serialize(const cfg_t* node) { return serialize(node, JSON_C_TO_STRING_PRETTY); }
+char* cfg_serialize(const cfg_t* node)
+{
+    return serialize(node, JSON_C_TO_STRING_PRETTY);
+}
 
-char* cfg_serialize_compact(const cfg_t* node) { return serialize(node, JSON_C_TO_STRING_PLAIN); }
+char* cfg_serialize_compact(const cfg_t* node)
+{
+    return serialize(node, JSON_C_TO_STRING_PLAIN);
+}
 
 }  // extern "C"

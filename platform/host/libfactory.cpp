@@ -17,37 +17,47 @@
 
 namespace {
 
-constexpr unsigned int kFactoryVersion = 1;
+constexpr unsigned int factory_version = 1;
 
 // strncpy semantics without strncpy: NUL-padded, unterminated when the value fills the field.
-void copy_field(char (&field)[FACTORY_TEXT_SIZE], const std::string& value) {
+void copy_field(char (&field)[FACTORY_TEXT_SIZE], const std::string& value)
+{
     std::memset(field, 0, FACTORY_TEXT_SIZE);
     size_t length = value.find('\0');  // a stray NUL ends the text, as it would for strncpy
-    if (length == std::string::npos) length = value.size();
+    if (length == std::string::npos)
+        length = value.size();
     std::memcpy(field, value.data(), length < FACTORY_TEXT_SIZE ? length : FACTORY_TEXT_SIZE);
 }
 
 }  // namespace
 
-extern "C" int libfactory_load(factory_data_t* data) {
-    if (data == nullptr) return -1;
+extern "C" int libfactory_load(factory_data_t* data)
+{
+    if (data == nullptr)
+        return -1;
     std::memset(data, 0, sizeof *data);
     std::string path = device_path("/etc/factory");
     FILE* file = std::fopen(path.c_str(), "re");
-    if (file == nullptr) return -1;
+    if (file == nullptr)
+        return -1;
 
-    data->version = kFactoryVersion;
+    data->version = factory_version;
     std::string line;
     int c;
     bool done = false;
     while (!done) {
         line.clear();
-        while ((c = std::fgetc(file)) != EOF && c != '\n') line.push_back(static_cast<char>(c));
-        if (c == EOF) done = true;
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.empty() || line[0] == '#') continue;
+        while ((c = std::fgetc(file)) != EOF && c != '\n')
+            line.push_back(static_cast<char>(c));
+        if (c == EOF)
+            done = true;
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        if (line.empty() || line[0] == '#')
+            continue;
         size_t equals = line.find('=');
-        if (equals == std::string::npos) continue;
+        if (equals == std::string::npos)
+            continue;
         std::string key = line.substr(0, equals);
         std::string value = line.substr(equals + 1);
         if (key == "board") {

@@ -3,89 +3,165 @@
 // written with a single write(2) so that lines from concurrent threads never interleave.
 //
 // The library is used while other translation units are still being initialised (a global
-// object names the daemon from its constructor), so it keeps only constant-initialised state:
-// plain pointers, fixed arrays, atomics and a std::mutex (constexpr constructor).
+// object names the daemon from its constructor), so it keeps only constant-initialised state.
+//
+// The daemon's SIGTERM handler logs a line, so a line of up to a few KiB, once the daemon is
+// named and without a writer hook, allocates nothing and takes no lock: the time stamp comes
+// from log_stamp (see there for its rare localtime_r), the text is formatted into a stack
+// buffer with room for the header in front of it (vsnprintf allocates nothing for the integer
+// and text conversions the daemon uses), and the writer and the daemon name are atomics read
+// without the lock. Only a longer text takes the heap, and only a line without a daemon name
+// takes the lock, for the program name.
 //
 // Log rotation is not done on the host: init_vorna_logrotate only remembers the program name.
 #include "vorna_log.h"
 #include "vorna_log_host.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <mutex>
 
 #include <unistd.h>
 
+#include "log_stamp.h"
+
 namespace {
 
-constexpr size_t kProgramNameSize = 64;
+// Every member has a constant initialiser, so the object is ready before any constructor runs.
+struct log_state {
+    std::mutex lock;  // guards the program name and calls of the writer hook
+    char program_name[64] = {};
+    std::atomic<const char*> daemon_name{nullptr};
+    std::atomic<vorna_log_host_writer_t> writer{nullptr};
+    void* writer_context = nullptr;
+};
 
-std::mutex g_mutex;  // guards the program name and the writer hook
-char g_program_name[kProgramNameSize];
-std::atomic<const char*> g_daemon_name{nullptr};
-vorna_log_host_writer_t g_writer = nullptr;
-void* g_writer_context = nullptr;
+log_state state;
+
 // Set while this thread runs the writer hook: a writer that logs again goes to standard error
-// instead of deadlocking on g_mutex.
-thread_local bool t_in_writer = false;
+// instead of deadlocking on the lock it already holds.
+thread_local bool inside_writer = false;
 
-const char* level_name(vlr_log_level_t level, char* scratch, size_t scratch_size) {
-    switch (level) {
-        case VLR_LOG_ERROR: return "error";
-        case VLR_LOG_WARNING: return "warning";
-        case VLR_LOG_INFO: return "info";
-        case VLR_LOG_DEBUG: return "debug";
+// A very long daemon name is cut in the header rather than dropping the line.
+constexpr size_t header_room = 256;
+constexpr size_t stack_buffer_size = 4096;
+
+// Appends to a fixed buffer and stops at its end.
+class text_builder {
+public:
+    text_builder(char* buffer, size_t buffer_capacity) : out(buffer), capacity(buffer_capacity) {}
+
+    void append(const char* text, size_t text_length)
+    {
+        size_t room = capacity - used;
+        size_t taken = text_length < room ? text_length : room;
+        std::memcpy(out + used, text, taken);
+        used += taken;
     }
-    std::snprintf(scratch, scratch_size, "%d", static_cast<int>(level));
-    return scratch;
+    void append(const char* text) { append(text, std::strlen(text)); }
+    size_t length() const { return used; }
+
+private:
+    char* out;
+    size_t capacity;
+    size_t used = 0;
+};
+
+const char* level_name(vlr_log_level_t level)
+{
+    switch (level) {
+    case VLR_LOG_ERROR:
+        return "error";
+    case VLR_LOG_WARNING:
+        return "warning";
+    case VLR_LOG_INFO:
+        return "info";
+    case VLR_LOG_DEBUG:
+        return "debug";
+    }
+    return nullptr;
 }
 
-// Formats into `stack` when it fits, else into a heap buffer of the exact size. Returns the
-// text (never truncated) and its length; *heap is the block to free (null when `stack` is used).
-const char* format_text(const char* format, va_list args, char* stack, size_t stack_size,
-                        char** heap, size_t* length) {
+// "<stamp> <daemon> <level>: ", at most `capacity` characters.
+size_t format_header(vlr_log_level_t level, char* out, size_t capacity)
+{
+    text_builder header(out, capacity);
+    char stamp[log_stamp::max_length];
+    header.append(stamp, log_stamp::format_now(stamp));
+    header.append(" ");
+
+    const char* daemon = state.daemon_name.load(std::memory_order_acquire);
+    char name[sizeof state.program_name];
+    if (daemon == nullptr) {
+        if (inside_writer) {
+            std::memcpy(name, state.program_name, sizeof name);  // the writer holds the lock
+        } else {
+            std::lock_guard<std::mutex> guard(state.lock);
+            std::memcpy(name, state.program_name, sizeof name);
+        }
+        daemon = name[0] != '\0' ? name : "?";
+    }
+    header.append(daemon);
+    header.append(" ");
+
+    const char* named = level_name(level);
+    char number[16];
+    if (named == nullptr)
+        std::snprintf(number, sizeof number, "%d", static_cast<int>(level));
+    header.append(named != nullptr ? named : number);
+    header.append(": ");
+    return header.length();
+}
+
+// Formats the message behind header_room bytes of `stack`, or of a heap block of the size it
+// needs when it does not fit there; *heap is that block, or null. Sets *length; the text is
+// followed by a NUL and never truncated unless memory runs out.
+char* format_text(const char* format, va_list args, char* stack, char** heap, size_t* length)
+{
+    char* text = stack + header_room;
+    const size_t room = stack_buffer_size - header_room;
     *heap = nullptr;
     *length = 0;
     if (format == nullptr) {
-        stack[0] = '\0';
-        return stack;
+        text[0] = '\0';
+        return text;
     }
     va_list copy;
     va_copy(copy, args);
-    int needed = std::vsnprintf(stack, stack_size, format, copy);
+    int needed = std::vsnprintf(text, room, format, copy);
     va_end(copy);
     if (needed < 0) {  // an encoding error: keep the format text itself
-        std::snprintf(stack, stack_size, "%s", format);
-        *length = std::strlen(stack);
-        return stack;
+        std::snprintf(text, room, "%s", format);
+        *length = std::strlen(text);
+        return text;
     }
-    if (static_cast<size_t>(needed) < stack_size) {
+    if (static_cast<size_t>(needed) < room) {
         *length = static_cast<size_t>(needed);
-        return stack;
+        return text;
     }
-    char* buffer = static_cast<char*>(std::malloc(static_cast<size_t>(needed) + 1));
-    if (buffer == nullptr) {  // out of memory: the truncated text is better than none
-        *length = stack_size - 1;
-        return stack;
+    char* block = static_cast<char*>(std::malloc(header_room + static_cast<size_t>(needed) + 1));
+    if (block == nullptr) {  // out of memory: the truncated text is better than none
+        *length = room - 1;
+        return text;
     }
     va_copy(copy, args);
-    std::vsnprintf(buffer, static_cast<size_t>(needed) + 1, format, copy);
+    std::vsnprintf(block + header_room, static_cast<size_t>(needed) + 1, format, copy);
     va_end(copy);
-    *heap = buffer;
+    *heap = block;
     *length = static_cast<size_t>(needed);
-    return buffer;
+    return block + header_room;
 }
 
-void write_all(int fd, const char* data, size_t length) {
+void write_all(int fd, const char* data, size_t length)
+{
     while (length > 0) {
         ssize_t written = ::write(fd, data, length);
         if (written < 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR)
+                continue;
             return;
         }
         data += written;
@@ -93,101 +169,69 @@ void write_all(int fd, const char* data, size_t length) {
     }
 }
 
-void write_line(vlr_log_level_t level, const char* text, size_t text_length) {
-    char name[kProgramNameSize];
-    const char* daemon = g_daemon_name.load(std::memory_order_acquire);
-    if (daemon == nullptr) {
-        if (t_in_writer) {
-            // Called from inside the writer hook, which already holds g_mutex.
-            std::memcpy(name, g_program_name, sizeof name);
-        } else {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            std::memcpy(name, g_program_name, sizeof name);
-        }
-        daemon = name[0] != '\0' ? name : "?";
-    }
-
-    struct timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    struct tm local;
-    localtime_r(&now.tv_sec, &local);
-    char stamp[48];
-    size_t stamp_length = std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-    std::snprintf(stamp + stamp_length, sizeof stamp - stamp_length, ".%03ld",
-                  static_cast<long>(now.tv_nsec / 1000000));
-
-    char scratch[16];
-    const char* level_text = level_name(level, scratch, sizeof scratch);
-
-    char header[256];
-    int header_length = std::snprintf(header, sizeof header, "%s %s %s: ", stamp, daemon,
-                                      level_text);
-    if (header_length < 0) header_length = 0;
-    // A very long daemon name is cut in the header rather than dropping the line.
-    size_t head = std::min(static_cast<size_t>(header_length), sizeof header - 1);
-    bool add_newline = text_length == 0 || text[text_length - 1] != '\n';
-    size_t total = head + text_length + (add_newline ? 1 : 0);
-
-    char stack_line[1024];
-    char* line = total <= sizeof stack_line ? stack_line : static_cast<char*>(std::malloc(total));
-    if (line == nullptr) {  // out of memory: three writes are still better than nothing
-        write_all(STDERR_FILENO, header, head);
-        write_all(STDERR_FILENO, text, text_length);
-        if (add_newline) write_all(STDERR_FILENO, "\n", 1);
-        return;
-    }
+// `text` comes from format_text: header_room bytes before it and its NUL are free to use.
+void write_line(vlr_log_level_t level, char* text, size_t length)
+{
+    char header[header_room];
+    size_t head = format_header(level, header, sizeof header - 1);
+    char* line = text - head;
     std::memcpy(line, header, head);
-    std::memcpy(line + head, text, text_length);
-    if (add_newline) line[total - 1] = '\n';
+    size_t total = head + length;
+    if (length == 0 || text[length - 1] != '\n')
+        line[total++] = '\n';
     write_all(STDERR_FILENO, line, total);
-    if (line != stack_line) std::free(line);
 }
 
 }  // namespace
 
 extern "C" {
 
-void init_vorna_logrotate(const char* program_name) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    if (program_name == nullptr) {
-        g_program_name[0] = '\0';
-        return;
-    }
-    std::snprintf(g_program_name, sizeof g_program_name, "%s", program_name);
+void init_vorna_logrotate(const char* program_name)
+{
+    log_stamp::prime();
+    std::lock_guard<std::mutex> guard(state.lock);
+    std::snprintf(state.program_name, sizeof state.program_name, "%s",
+                  program_name == nullptr ? "" : program_name);
 }
 
-void vorna_log_set_daemonname(const char* daemon_name) {
+void vorna_log_set_daemonname(const char* daemon_name)
+{
+    log_stamp::prime();
     // Not copied: the caller keeps the text alive (a literal or a global). Null falls back to
     // the program name given to init_vorna_logrotate.
-    g_daemon_name.store(daemon_name, std::memory_order_release);
+    state.daemon_name.store(daemon_name, std::memory_order_release);
 }
 
-void vorna_log_host_set_writer(vorna_log_host_writer_t writer, void* context) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_writer = writer;
-    g_writer_context = context;
+void vorna_log_host_set_writer(vorna_log_host_writer_t writer, void* context)
+{
+    std::lock_guard<std::mutex> guard(state.lock);
+    state.writer.store(writer, std::memory_order_release);
+    state.writer_context = context;
 }
 
-void vvorna_log_msg_timed_new(vlr_log_level_t level, const char* format, va_list args) {
-    int saved_errno = errno;  // callers log errno-based failures; keep errno for them
-    char stack[1024];
+void vvorna_log_msg_timed_new(vlr_log_level_t level, const char* format, va_list args)
+{
+    const int saved_errno = errno;  // callers log errno-based failures; keep errno for them
+    char stack[stack_buffer_size];
     char* heap = nullptr;
     size_t length = 0;
-    const char* text = format_text(format, args, stack, sizeof stack, &heap, &length);
+    char* text = format_text(format, args, stack, &heap, &length);
 
     bool written = false;
-    if (!t_in_writer) {
-        // The writer runs under the lock: once vorna_log_host_set_writer(null, ...) returns,
-        // no call of the old writer is still running.
-        std::lock_guard<std::mutex> lock(g_mutex);
-        if (g_writer != nullptr) {
-            t_in_writer = true;
-            g_writer(level, text, g_writer_context);
-            t_in_writer = false;
+    if (!inside_writer && state.writer.load(std::memory_order_acquire) != nullptr) {
+        // Called under the lock: once vorna_log_host_set_writer(null, ...) returns, no call of
+        // the old writer is still running.
+        std::lock_guard<std::mutex> guard(state.lock);
+        vorna_log_host_writer_t writer = state.writer.load(std::memory_order_relaxed);
+        if (writer != nullptr) {
+            inside_writer = true;
+            writer(level, text, state.writer_context);
+            inside_writer = false;
             written = true;
         }
     }
-    if (!written) write_line(level, text, length);
+    if (!written)
+        write_line(level, text, length);
     std::free(heap);
     errno = saved_errno;
 }

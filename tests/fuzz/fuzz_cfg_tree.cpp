@@ -10,17 +10,22 @@
 
 namespace {
 
-void check(bool condition) {
-    if (!condition) __builtin_trap();
+void check(bool condition)
+{
+    if (!condition)
+        __builtin_trap();
 }
 
-void look_up(const cfg_t* tree, const char* key) {
+void look_up(const cfg_t* tree, const char* key)
+{
     const cfg_t* child = cfg_get_param(tree, key);
-    if (child == nullptr) return;
+    if (child == nullptr)
+        return;
     int type = cfg_get_type(child);
     check(type == CFG_TYPE_NODE || type == CFG_TYPE_VALUE || type == CFG_TYPE_ARRAY);
     const char* value = cfg_get_value(child);
-    if (value != nullptr) check(type == CFG_TYPE_VALUE);
+    if (value != nullptr)
+        check(type == CFG_TYPE_VALUE);
     char* text = cfg_serialize_compact(child);
     check(text != nullptr);
     std::free(text);
@@ -29,16 +34,19 @@ void look_up(const cfg_t* tree, const char* key) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
     std::string text(reinterpret_cast<const char*>(data), size);  // NUL-terminated copy
     cfg_t* tree = cfg_parse_buffer(text.c_str());
-    if (tree == nullptr) return 0;
+    if (tree == nullptr)
+        return 0;
     check(cfg_get_type(tree) == CFG_TYPE_NODE);
 
     look_up(tree, "command");
     look_up(tree, "a");
     look_up(tree, "");
-    if (size >= 4) look_up(tree, std::string(text.c_str(), 4).c_str());
+    if (size >= 4)
+        look_up(tree, std::string(text.c_str(), 4).c_str());
 
     char* pretty = cfg_serialize(tree);
     char* compact = cfg_serialize_compact(tree);

@@ -20,18 +20,23 @@
 
 namespace {
 
-void check(bool condition) {
-    if (!condition) __builtin_trap();
+void check(bool condition)
+{
+    if (!condition)
+        __builtin_trap();
 }
 
-struct Input {
+struct input_reader {
     const uint8_t* data;
     size_t size;
     size_t at = 0;
 
-    bool take(void* out, size_t length) {
-        if (size - at < length) return false;
-        if (length == 0) return true;
+    bool take(void* out, size_t length)
+    {
+        if (size - at < length)
+            return false;
+        if (length == 0)
+            return true;
         std::memcpy(out, data + at, length);
         at += length;
         return true;
@@ -40,16 +45,17 @@ struct Input {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
     using namespace msgbus_frame;
-    Limits limits;
-    limits.max_message_size = 8 * kChunkSize;  // keeps memory per run small
-    limits.max_pending_bytes = 12 * kChunkSize;
+    reassembly_limits limits;
+    limits.max_message_size = 8 * chunk_size;  // keeps memory per run small
+    limits.max_pending_bytes = 12 * chunk_size;
     limits.max_pending_messages = 4;
     limits.pending_expiry_ms = 5000;
-    Reassembler reassembler(limits);
+    reassembler frames(limits);
 
-    Input input{data, size};
+    input_reader input{data, size};
     std::vector<unsigned char> datagram;
     int64_t now = 0;
     uint8_t kind = 0;
@@ -58,57 +64,62 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         now += static_cast<int64_t>(step) * 64;
         uint16_t length = 0;
         if (kind % 3 == 0) {
-            if (!input.take(&length, sizeof length)) break;
+            if (!input.take(&length, sizeof length))
+                break;
             datagram.resize(length);
-            if (!input.take(datagram.data(), length)) break;
+            if (!input.take(datagram.data(), length))
+                break;
         } else if (kind % 3 == 1) {
-            datagram.resize(kHeaderSize);
-            if (!input.take(datagram.data(), kHeaderSize)) break;
-            if ((kind & 2) != 0) std::memcpy(datagram.data(), kMagic, sizeof kMagic);
-            if (!input.take(&length, sizeof length)) break;
-            size_t chunk = length % (kChunkSize + 2);
-            datagram.resize(kHeaderSize + chunk, static_cast<unsigned char>(kind));
+            datagram.resize(header_size);
+            if (!input.take(datagram.data(), header_size))
+                break;
+            if ((kind & 2) != 0)
+                std::memcpy(datagram.data(), magic, sizeof magic);
+            if (!input.take(&length, sizeof length))
+                break;
+            size_t chunk = length % (chunk_size + 2);
+            datagram.resize(header_size + chunk, static_cast<unsigned char>(kind));
         } else {
             uint8_t sender = 0;
             uint16_t total = 0;
             uint8_t index = 0;
-            if (!input.take(&sender, 1) || !input.take(&total, sizeof total) ||
-                !input.take(&index, 1)) {
+            if (!input.take(&sender, 1) || !input.take(&total, sizeof total) || !input.take(&index, 1)) {
                 break;
             }
-            Header header;
+            frame_header header;
             header.sender_pid = 100 + (sender & 3);
             header.source = static_cast<uint16_t>((sender >> 2) & 3);
             header.sequence = (sender >> 4) & 3;
             header.destination = static_cast<uint16_t>(1 + (sender >> 6));
             header.total_length = static_cast<uint32_t>(total) * 8;
-            size_t offset = static_cast<size_t>(index % 16) * kChunkSize;
+            size_t offset = static_cast<size_t>(index % 16) * chunk_size;
             header.offset = static_cast<uint32_t>(offset);
             size_t chunk = 0;
             if (offset < header.total_length) {
-                chunk = header.total_length - offset < kChunkSize ? header.total_length - offset
-                                                                   : kChunkSize;
+                chunk = header.total_length - offset < chunk_size ? header.total_length - offset : chunk_size;
             }
-            if ((kind & 0x40) != 0 && chunk > 0) --chunk;
-            datagram.resize(kHeaderSize);
+            if ((kind & 0x40) != 0 && chunk > 0)
+                --chunk;
+            datagram.resize(header_size);
             encode_header(header, datagram.data());
-            datagram.resize(kHeaderSize + chunk, static_cast<unsigned char>(offset / kChunkSize));
+            datagram.resize(header_size + chunk, static_cast<unsigned char>(offset / chunk_size));
         }
         message_s* message = nullptr;
         const char* reason = nullptr;
-        auto status = reassembler.feed(datagram.data(), datagram.size(), now, &message, &reason);
-        if (status == Reassembler::Status::kComplete) {
+        auto result = frames.feed(datagram.data(), datagram.size(), now, &message, &reason);
+        if (result == reassembler::feed_result::complete) {
             check(message != nullptr && message->length <= limits.max_message_size);
             check(message->payload[message->length] == '\0');
             std::free(message);
-        } else if (status == Reassembler::Status::kDropped) {
+        } else if (result == reassembler::feed_result::dropped) {
             check(reason != nullptr && message == nullptr);
         } else {
             check(message == nullptr);
         }
-        check(reassembler.pending_bytes() <= limits.max_pending_bytes);
-        check(reassembler.pending_messages() <= limits.max_pending_messages);
-        if ((kind & 0x80) != 0) reassembler.expire(now);
+        check(frames.pending_bytes() <= limits.max_pending_bytes);
+        check(frames.pending_messages() <= limits.max_pending_messages);
+        if ((kind & 0x80) != 0)
+            frames.expire(now);
     }
     return 0;
 }

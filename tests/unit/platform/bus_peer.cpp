@@ -27,7 +27,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -36,11 +35,12 @@
 
 #include "cfg_tree.h"
 #include "msgbus.h"
+#include "test_support.h"
 #include "vorna_log.h"
 
 namespace {
 
-struct Options {
+struct peer_options {
     int module = 0;
     bool echo = false;
     bool noise = false;
@@ -53,18 +53,21 @@ struct Options {
     long max_ms = 20000;
 };
 
-int usage() {
+int usage()
+{
     std::fprintf(stderr, "usage: bus_peer [--module N] (--echo [--noise] | --silent | "
                          "--receive-count K --out FILE | --send-to M --file FILE | "
                          "--try-register) [--max-ms MS]\n");
     return 64;
 }
 
-bool parse(int argc, char** argv, Options* options) {
+bool parse(int argc, char** argv, peer_options* options)
+{
     for (int i = 1; i < argc; ++i) {
         std::string argument = argv[i];
         auto next = [&](std::string* value) {
-            if (i + 1 >= argc) return false;
+            if (i + 1 >= argc)
+                return false;
             *value = argv[++i];
             return true;
         };
@@ -96,41 +99,42 @@ bool parse(int argc, char** argv, Options* options) {
     return true;
 }
 
-bool read_all(const std::string& path, std::string* content) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
-    std::ostringstream text;
-    text << in.rdbuf();
-    *content = text.str();
-    return true;
-}
-
-bool write_all(const std::string& path, const char* data, size_t length) {
+// Through a temporary file, so that the test never reads a half-written one.
+bool write_all(const std::string& path, const char* data, size_t length)
+{
     std::string partial = path + ".part";
     {
         std::ofstream out(partial, std::ios::binary | std::ios::trunc);
         out.write(data, static_cast<std::streamsize>(length));
-        if (!out.good()) return false;
+        if (!out.good())
+            return false;
     }
     return std::rename(partial.c_str(), path.c_str()) == 0;
 }
 
-std::chrono::steady_clock::time_point g_end;
+std::chrono::steady_clock::time_point end_of_life;
 
-bool time_left() { return std::chrono::steady_clock::now() < g_end; }
+bool time_left()
+{
+    return std::chrono::steady_clock::now() < end_of_life;
+}
 
 // The next message, or null when the process's time is up.
-message_s* next_message() {
+message_s* next_message()
+{
     while (time_left()) {
-        if (message_s* message = GetMsgFromQueueNoWait()) return message;
+        if (message_s* message = GetMsgFromQueueNoWait())
+            return message;
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return nullptr;
 }
 
-void answer(const message_s* request, bool noise) {
+void answer(const message_s* request, bool noise)
+{
     int to = request->source;
-    if (to == 0) return;  // an unregistered sender cannot be answered
+    if (to == 0)
+        return;  // an unregistered sender cannot be answered
     if (noise) {
         const char* unrelated = "{\"command\": \"noise\"}";
         MsgSend(unrelated, to, static_cast<unsigned>(std::strlen(unrelated)));
@@ -146,12 +150,14 @@ void answer(const message_s* request, bool noise) {
     cfg_set_param(tree, "command", response.c_str());
     cfg_set_param(tree, "status", "ok");
     char* text = cfg_serialize_compact(tree);
-    if (text != nullptr) MsgSend(text, to, static_cast<unsigned>(std::strlen(text)));
+    if (text != nullptr)
+        MsgSend(text, to, static_cast<unsigned>(std::strlen(text)));
     std::free(text);
     cfg_release(tree);
 }
 
-int serve(const Options& options) {
+int serve(const peer_options& options)
+{
     if (InitLibParams(options.module, nullptr, 0) != 0) {
         std::printf("taken\n");
         std::fflush(stdout);
@@ -161,7 +167,8 @@ int serve(const Options& options) {
         FreeLibParams();
         return 0;
     }
-    if (ModulePeerStart() != 0) return 4;
+    if (ModulePeerStart() != 0)
+        return 4;
     std::printf("ready\n");
     std::fflush(stdout);
 
@@ -184,7 +191,8 @@ int serve(const Options& options) {
         }
     } else {
         while (message_s* message = next_message()) {
-            if (options.echo) answer(message, options.noise);
+            if (options.echo)
+                answer(message, options.noise);
             std::free(message);
         }
     }
@@ -192,31 +200,40 @@ int serve(const Options& options) {
     return result;
 }
 
-int send_file(const Options& options) {
+int send_file(const peer_options& options)
+{
     std::string content;
-    if (!read_all(options.file, &content)) return 6;
-    if (options.module != 0 && InitLibParams(options.module, nullptr, 0) != 0) return 3;
+    if (!platform_test::read_file(options.file, &content))
+        return 6;
+    if (options.module != 0 && InitLibParams(options.module, nullptr, 0) != 0)
+        return 3;
     int result = MsgSend(content.data(), options.send_to, static_cast<unsigned>(content.size()));
-    if (options.module != 0) FreeLibParams();
+    if (options.module != 0)
+        FreeLibParams();
     return result == 0 ? 0 : 1;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv)
+{
     // End together with the test that started this process, however it ends.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
 
-    Options options;
-    if (!parse(argc, argv, &options)) return usage();
-    g_end = std::chrono::steady_clock::now() + std::chrono::milliseconds(options.max_ms);
+    peer_options options;
+    if (!parse(argc, argv, &options))
+        return usage();
+    end_of_life = std::chrono::steady_clock::now() + std::chrono::milliseconds(options.max_ms);
     vorna_log_set_daemonname("bus_peer");
 
-    if (options.send_to != 0) return send_file(options);
-    if (options.module == 0) return usage();
+    if (options.send_to != 0)
+        return send_file(options);
+    if (options.module == 0)
+        return usage();
     if (!options.echo && !options.silent && !options.try_register && options.receive_count == 0) {
         return usage();
     }
-    if (options.receive_count > 0 && options.out.empty()) return usage();
+    if (options.receive_count > 0 && options.out.empty())
+        return usage();
     return serve(options);
 }

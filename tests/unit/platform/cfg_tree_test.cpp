@@ -6,25 +6,32 @@
 #include <memory>
 #include <string>
 
+#include "test_support.h"
+
 namespace {
 
-struct TreeDeleter {
-    void operator()(cfg_t* tree) const { cfg_release(tree); }
-};
-using Tree = std::unique_ptr<cfg_t, TreeDeleter>;
+using platform_test::owned_tree;
 
-Tree parse(const char* text) { return Tree(cfg_parse_buffer(text)); }
+owned_tree parse(const char* text)
+{
+    return owned_tree(cfg_parse_buffer(text));
+}
 
-std::string take(char* text) {
+std::string take(char* text)
+{
     std::string copy = text == nullptr ? "<null>" : text;
     std::free(text);
     return copy;
 }
 
-std::string compact(const cfg_t* node) { return take(cfg_serialize_compact(node)); }
+std::string compact(const cfg_t* node)
+{
+    return take(cfg_serialize_compact(node));
+}
 
-TEST(CfgTreeTest, ParsesObjectAndReportsTypes) {
-    Tree tree = parse(R"({"ssid": "lab", "channel": 36, "tx": 1.50, "on": true, "off": false,
+TEST(cfg_tree_test, an_object_parses_and_reports_its_types)
+{
+    owned_tree tree = parse(R"({"ssid": "lab", "channel": 36, "tx": 1.50, "on": true, "off": false,
                           "none": null, "radio": {"band": "5"}, "list": [1, 2]})");
     ASSERT_NE(tree, nullptr);
     EXPECT_EQ(cfg_get_type(tree.get()), CFG_TYPE_NODE);
@@ -37,8 +44,9 @@ TEST(CfgTreeTest, ParsesObjectAndReportsTypes) {
     EXPECT_EQ(cfg_get_type(nullptr), 0);
 }
 
-TEST(CfgTreeTest, ValuesAreTheirText) {
-    Tree tree = parse(R"({"ssid": "lab", "channel": 36, "tx": 1.50, "on": true, "off": false,
+TEST(cfg_tree_test, values_are_their_text)
+{
+    owned_tree tree = parse(R"({"ssid": "lab", "channel": 36, "tx": 1.50, "on": true, "off": false,
                           "none": null, "radio": {"band": "5"}, "list": [1]})");
     ASSERT_NE(tree, nullptr);
     EXPECT_STREQ(cfg_get_value(cfg_get_param(tree.get(), "ssid")), "lab");
@@ -53,8 +61,9 @@ TEST(CfgTreeTest, ValuesAreTheirText) {
     EXPECT_EQ(cfg_get_value(nullptr), nullptr);
 }
 
-TEST(CfgTreeTest, AbsentChildrenAreNull) {
-    Tree tree = parse(R"({"a": "1", "list": [1]})");
+TEST(cfg_tree_test, absent_children_are_null)
+{
+    owned_tree tree = parse(R"({"a": "1", "list": [1]})");
     ASSERT_NE(tree, nullptr);
     EXPECT_EQ(cfg_get_param(tree.get(), "b"), nullptr);
     EXPECT_EQ(cfg_get_param(cfg_get_param(tree.get(), "a"), "x"), nullptr);
@@ -63,7 +72,8 @@ TEST(CfgTreeTest, AbsentChildrenAreNull) {
     EXPECT_EQ(cfg_get_param(tree.get(), nullptr), nullptr);
 }
 
-TEST(CfgTreeTest, ParsingIsStrict) {
+TEST(cfg_tree_test, parsing_is_strict)
+{
     const char* refused[] = {
         "",
         "   ",
@@ -93,27 +103,31 @@ TEST(CfgTreeTest, ParsingIsStrict) {
         "{\"a\": \"open}",
     };
     for (const char* text : refused) {
-        Tree tree = parse(text);
+        owned_tree tree = parse(text);
         EXPECT_EQ(tree, nullptr) << "accepted: " << text;
     }
     EXPECT_EQ(cfg_parse_buffer(nullptr), nullptr);
 }
 
-TEST(CfgTreeTest, WhitespaceAroundTheObjectIsAllowed) {
-    Tree tree = parse(" \t\r\n{ \"a\" : [ 1 , { } , -0.5e+3 , \"\\u00e9\\n\" ] }\n\n ");
+TEST(cfg_tree_test, whitespace_around_the_object_is_allowed)
+{
+    owned_tree tree = parse(" \t\r\n{ \"a\" : [ 1 , { } , -0.5e+3 , \"\\u00e9\\n\" ] }\n\n ");
     ASSERT_NE(tree, nullptr);
     EXPECT_EQ(cfg_get_type(cfg_get_param(tree.get(), "a")), CFG_TYPE_ARRAY);
-    Tree empty = parse("{}");
+    owned_tree empty = parse("{}");
     ASSERT_NE(empty, nullptr);
     EXPECT_EQ(compact(empty.get()), "{}");
 }
 
-TEST(CfgTreeTest, NestingIsBounded) {
+TEST(cfg_tree_test, nesting_is_bounded)
+{
     auto nested = [](int depth) {
         std::string text;
-        for (int i = 0; i < depth; ++i) text += "{\"a\":";
+        for (int i = 0; i < depth; ++i)
+            text += "{\"a\":";
         text += "1";
-        for (int i = 0; i < depth; ++i) text += "}";
+        for (int i = 0; i < depth; ++i)
+            text += "}";
         return text;
     };
     EXPECT_NE(parse(nested(31).c_str()), nullptr);
@@ -123,17 +137,18 @@ TEST(CfgTreeTest, NestingIsBounded) {
     EXPECT_EQ(parse(arrays.c_str()), nullptr);
 }
 
-TEST(CfgTreeTest, KeyOrderIsKept) {
-    Tree tree = parse(R"({"zeta": "1", "alpha": "2", "mid": {"y": "3", "b": "4"}})");
+TEST(cfg_tree_test, key_order_is_kept)
+{
+    owned_tree tree = parse(R"({"zeta": "1", "alpha": "2", "mid": {"y": "3", "b": "4"}})");
     ASSERT_NE(tree, nullptr);
     EXPECT_EQ(compact(tree.get()), R"({"zeta":"1","alpha":"2","mid":{"y":"3","b":"4"}})");
     ASSERT_EQ(cfg_set_param(tree.get(), "beta", "5"), 0);
-    EXPECT_EQ(compact(tree.get()),
-              R"({"zeta":"1","alpha":"2","mid":{"y":"3","b":"4"},"beta":"5"})");
+    EXPECT_EQ(compact(tree.get()), R"({"zeta":"1","alpha":"2","mid":{"y":"3","b":"4"},"beta":"5"})");
 }
 
-TEST(CfgTreeTest, SetParamReplacesInPlace) {
-    Tree tree(cfg_get_empty());
+TEST(cfg_tree_test, set_param_replaces_in_place)
+{
+    owned_tree tree(cfg_get_empty());
     ASSERT_NE(tree, nullptr);
     EXPECT_EQ(cfg_set_param(tree.get(), "first", "1"), 0);
     EXPECT_EQ(cfg_set_param(tree.get(), "second", "2"), 0);
@@ -142,8 +157,9 @@ TEST(CfgTreeTest, SetParamReplacesInPlace) {
     EXPECT_STREQ(cfg_get_value(cfg_get_param(tree.get(), "first")), "one");
 }
 
-TEST(CfgTreeTest, SetParamRefusesBadArguments) {
-    Tree tree = parse(R"({"leaf": "x", "list": []})");
+TEST(cfg_tree_test, set_param_refuses_bad_arguments)
+{
+    owned_tree tree = parse(R"({"leaf": "x", "list": []})");
     ASSERT_NE(tree, nullptr);
     EXPECT_EQ(cfg_set_param(nullptr, "a", "b"), -1);
     EXPECT_EQ(cfg_set_param(tree.get(), nullptr, "b"), -1);
@@ -152,8 +168,9 @@ TEST(CfgTreeTest, SetParamRefusesBadArguments) {
     EXPECT_EQ(cfg_set_param(cfg_get_param(tree.get(), "list"), "a", "b"), -1);
 }
 
-TEST(CfgTreeTest, SetNodeHangsSubtreeAndReplaces) {
-    Tree tree(cfg_get_empty());
+TEST(cfg_tree_test, set_node_hangs_a_subtree_and_replaces)
+{
+    owned_tree tree(cfg_get_empty());
     cfg_t* radio = cfg_get_empty();
     ASSERT_EQ(cfg_set_param(radio, "band", "5"), 0);
     ASSERT_EQ(cfg_set_param(tree.get(), "before", "x"), 0);
@@ -166,8 +183,9 @@ TEST(CfgTreeTest, SetNodeHangsSubtreeAndReplaces) {
     EXPECT_EQ(cfg_get_param(tree.get(), "radio"), other);
 }
 
-TEST(CfgTreeTest, SetNodeReleasesChildOnFailure) {
-    Tree tree = parse(R"({"leaf": "x"})");
+TEST(cfg_tree_test, set_node_releases_the_child_on_failure)
+{
+    owned_tree tree = parse(R"({"leaf": "x"})");
     // Each refused child is released by the library; the leak checker sees any that is not.
     EXPECT_EQ(cfg_set_node(cfg_get_param(tree.get(), "leaf"), "a", cfg_get_empty()), -1);
     EXPECT_EQ(cfg_set_node(nullptr, "a", cfg_get_empty()), -1);
@@ -176,8 +194,9 @@ TEST(CfgTreeTest, SetNodeReleasesChildOnFailure) {
     EXPECT_EQ(compact(tree.get()), R"({"leaf":"x"})");
 }
 
-TEST(CfgTreeTest, NullChildIsAPlainValueThatSerializesAsNull) {
-    Tree tree = parse(R"({"none": null})");
+TEST(cfg_tree_test, a_null_child_is_a_plain_value_that_serializes_as_null)
+{
+    owned_tree tree = parse(R"({"none": null})");
     ASSERT_NE(tree, nullptr);
     cfg_t* none = cfg_get_param(tree.get(), "none");
     ASSERT_NE(none, nullptr);
@@ -187,8 +206,9 @@ TEST(CfgTreeTest, NullChildIsAPlainValueThatSerializesAsNull) {
     EXPECT_EQ(compact(tree.get()), R"({"none":null})");
 }
 
-TEST(CfgTreeTest, SerializeFormsAreIndentedAndCompact) {
-    Tree tree = parse(R"({"a": "x", "n": {"b": [1, 2]}})");
+TEST(cfg_tree_test, serialized_forms_are_indented_and_compact)
+{
+    owned_tree tree = parse(R"({"a": "x", "n": {"b": [1, 2]}})");
     ASSERT_NE(tree, nullptr);
     std::string pretty = take(cfg_serialize(tree.get()));
     std::string one_line = compact(tree.get());
@@ -197,7 +217,7 @@ TEST(CfgTreeTest, SerializeFormsAreIndentedAndCompact) {
     EXPECT_NE(pretty.find("\n  \"a\":\"x\",\n  \"n\":{\n    \"b\":["), std::string::npos) << pretty;
     EXPECT_EQ(one_line.find('\n'), std::string::npos);
     // Both forms read back to the same tree.
-    Tree again = parse(pretty.c_str());
+    owned_tree again = parse(pretty.c_str());
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(compact(again.get()), one_line);
     EXPECT_EQ(compact(cfg_get_param(tree.get(), "n")), R"({"b":[1,2]})");
@@ -205,16 +225,19 @@ TEST(CfgTreeTest, SerializeFormsAreIndentedAndCompact) {
     EXPECT_EQ(cfg_serialize_compact(nullptr), nullptr);
 }
 
-TEST(CfgTreeTest, TextsRoundTripWithEscapes) {
-    Tree tree(cfg_get_empty());
+TEST(cfg_tree_test, texts_round_trip_with_escapes)
+{
+    owned_tree tree(cfg_get_empty());
     ASSERT_EQ(cfg_set_param(tree.get(), "text", "quote\" back\\ tab\t nl\n \xc3\xa9"), 0);
     std::string text = compact(tree.get());
-    Tree again = parse(text.c_str());
+    owned_tree again = parse(text.c_str());
     ASSERT_NE(again, nullptr) << text;
-    EXPECT_STREQ(cfg_get_value(cfg_get_param(again.get(), "text")),
-                 "quote\" back\\ tab\t nl\n \xc3\xa9");
+    EXPECT_STREQ(cfg_get_value(cfg_get_param(again.get(), "text")), "quote\" back\\ tab\t nl\n \xc3\xa9");
 }
 
-TEST(CfgTreeTest, ReleaseAcceptsNull) { cfg_release(nullptr); }
+TEST(cfg_tree_test, release_accepts_null)
+{
+    cfg_release(nullptr);
+}
 
 }  // namespace

@@ -5,52 +5,43 @@
 #include <cstdlib>
 #include <string>
 
+#include "test_support.h"
+
 namespace {
 
-// Restores ORVD_ROOT after each test.
-class DevicePathTest : public ::testing::Test {
+class device_path_test : public ::testing::Test {
 protected:
-    void SetUp() override {
-        const char* value = std::getenv("ORVD_ROOT");
-        had_ = value != nullptr;
-        if (had_) saved_ = value;
-    }
-    void TearDown() override {
-        if (had_) {
-            ::setenv("ORVD_ROOT", saved_.c_str(), 1);
-        } else {
-            ::unsetenv("ORVD_ROOT");
-        }
-    }
-
-private:
-    bool had_ = false;
-    std::string saved_;
+    platform_test::root_variable_restorer restore_root;
 };
 
-TEST_F(DevicePathTest, UnsetRootLeavesPathUnchanged) {
+TEST_F(device_path_test, an_unset_root_leaves_the_path_unchanged)
+{
     ::unsetenv("ORVD_ROOT");
     EXPECT_EQ(device_path("/proc/wlan0/mib_11n"), "/proc/wlan0/mib_11n");
 }
 
-TEST_F(DevicePathTest, EmptyRootLeavesPathUnchanged) {
+TEST_F(device_path_test, an_empty_root_leaves_the_path_unchanged)
+{
     ::setenv("ORVD_ROOT", "", 1);
     EXPECT_EQ(device_path("/sys/class/net"), "/sys/class/net");
 }
 
-TEST_F(DevicePathTest, RootIsPrefixed) {
+TEST_F(device_path_test, the_root_is_prefixed)
+{
     ::setenv("ORVD_ROOT", "/tmp/device", 1);
     EXPECT_EQ(device_path("/proc/wlan0/mib_11n"), "/tmp/device/proc/wlan0/mib_11n");
 }
 
-TEST_F(DevicePathTest, TrailingSlashesOfRootAreRemoved) {
+TEST_F(device_path_test, trailing_slashes_of_the_root_are_removed)
+{
     ::setenv("ORVD_ROOT", "/tmp/device/", 1);
     EXPECT_EQ(device_path("/var/run/x"), "/tmp/device/var/run/x");
     ::setenv("ORVD_ROOT", "/tmp/device///", 1);
     EXPECT_EQ(device_path("/var/run/x"), "/tmp/device/var/run/x");
 }
 
-TEST_F(DevicePathTest, EnvironmentIsReadOnEveryCall) {
+TEST_F(device_path_test, the_environment_is_read_on_every_call)
+{
     ::setenv("ORVD_ROOT", "/a", 1);
     EXPECT_EQ(device_path("/etc/factory"), "/a/etc/factory");
     ::setenv("ORVD_ROOT", "/b", 1);

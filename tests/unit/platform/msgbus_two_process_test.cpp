@@ -11,68 +11,75 @@
 #include <unistd.h>
 
 #include "bus_test_support.h"
+#include "log_capture.h"
 
 namespace {
 
 using namespace platform_test;
 
-constexpr int kSelf = 1;
-constexpr int kPeer = 2;
+constexpr int self_module = 1;
+constexpr int peer_module = 2;
 
-class TwoProcessBusTest : public BusTest {
+class two_process_bus_test : public bus_test {
 protected:
-    // Registers this process as kSelf with its peer running.
-    void join_bus() {
-        ASSERT_EQ(InitLibParams(kSelf, nullptr, 0), 0);
+    // Registers this process as self_module with its peer running.
+    void join_bus()
+    {
+        ASSERT_EQ(InitLibParams(self_module, nullptr, 0), 0);
         ASSERT_EQ(ModulePeerStart(), 0);
     }
     // Starts bus_peer and waits until it is on the bus.
-    void start_peer(Child& child, const std::vector<std::string>& arguments) {
+    void start_peer(child_process& child, const std::vector<std::string>& arguments)
+    {
         ASSERT_TRUE(child.start_bus_peer(arguments));
         ASSERT_TRUE(child.wait_ready()) << "bus_peer did not come up";
     }
     // Leaves a socket file behind whose owner is dead (a peer killed without cleaning up).
-    void leave_stale_socket(int module) {
-        Child child;
+    void leave_stale_socket(int module)
+    {
+        child_process child;
         start_peer(child, {"--module", std::to_string(module), "--silent"});
         child.kill_and_reap();
         ASSERT_TRUE(file_exists(socket_path(module)));
     }
 };
 
-TEST_F(TwoProcessBusTest, RequestIsAnsweredByAnotherProcess) {
+TEST_F(two_process_bus_test, a_request_is_answered_by_another_process)
+{
     join_bus();
-    Child peer;
-    start_peer(peer, {"--module", std::to_string(kPeer), "--echo"});
-    ASSERT_EQ(send_text(R"({"command": "get-status", "radio": "wlan0"})", kPeer), 0);
-    Message reply = receive();
+    child_process peer;
+    start_peer(peer, {"--module", std::to_string(peer_module), "--echo"});
+    ASSERT_EQ(send_text(R"({"command": "get-status", "radio": "wlan0"})", peer_module), 0);
+    owned_message reply = receive();
     ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(reply->source, kPeer);
-    EXPECT_EQ(reply->destination, kSelf);
+    EXPECT_EQ(reply->source, peer_module);
+    EXPECT_EQ(reply->destination, self_module);
     EXPECT_EQ(reply->sender_pid, static_cast<unsigned>(peer.pid()));
-    Tree tree(cfg_parse_buffer(reply->payload));
+    owned_tree tree(cfg_parse_buffer(reply->payload));
     ASSERT_NE(tree, nullptr) << reply->payload;
     EXPECT_STREQ(cfg_get_value(cfg_get_param(tree.get(), "command")), "get-status-response");
     EXPECT_STREQ(cfg_get_value(cfg_get_param(tree.get(), "status")), "ok");
     EXPECT_STREQ(cfg_get_value(cfg_get_param(tree.get(), "radio")), "wlan0");
 }
 
-TEST_F(TwoProcessBusTest, WaitAnswerReturnsReplyAndDropsOtherMessages) {
+TEST_F(two_process_bus_test, wait_answer_returns_the_reply_and_drops_other_messages)
+{
     join_bus();
-    Child peer;
-    start_peer(peer, {"--module", std::to_string(kPeer), "--echo", "--noise"});
-    ASSERT_EQ(send_text(R"({"command": "get-status"})", kPeer), 0);
+    child_process peer;
+    start_peer(peer, {"--module", std::to_string(peer_module), "--echo", "--noise"});
+    ASSERT_EQ(send_text(R"({"command": "get-status"})", peer_module), 0);
     // Generous for sanitizer builds; the answer comes in milliseconds.
-    Tree reply(wait_answer("get-status-response", "get-status: no answer\n", 300));
+    owned_tree reply(wait_answer("get-status-response", "get-status: no answer\n", 300));
     ASSERT_NE(reply, nullptr);
     EXPECT_STREQ(cfg_get_value(cfg_get_param(reply.get(), "status")), "ok");
     EXPECT_EQ(GetMsgFromQueueNoWait(), nullptr);  // the noise before the reply is gone
 }
 
-TEST_F(TwoProcessBusTest, SilentPeerTimesOutAfterTwentyUnitsAndLogs) {
-    LogCapture log;
+TEST_F(two_process_bus_test, a_silent_peer_times_out_after_twenty_units_and_logs)
+{
+    log_capture log;
     join_bus();
-    Child peer;
+    child_process peer;
     start_peer(peer, {"--module", std::to_string(MSGBUS_MODULE_WIDSD), "--silent"});
     ASSERT_EQ(send_text(R"({"command": "get-status"})", MSGBUS_MODULE_WIDSD), 0);
     auto start = std::chrono::steady_clock::now();
@@ -82,10 +89,11 @@ TEST_F(TwoProcessBusTest, SilentPeerTimesOutAfterTwentyUnitsAndLogs) {
     cfg_release(reply);
     EXPECT_GE(took, 195);  // 20 units of MSGBUS_WAIT_UNIT_MS
     EXPECT_LT(took, 1000);
-    EXPECT_TRUE(log.contains(VLR_LOG_ERROR, "get-status: no answer from widsd\n"));
+    EXPECT_TRUE(log.mentions(VLR_LOG_ERROR, "get-status: no answer from widsd\n"));
 }
 
-TEST_F(TwoProcessBusTest, ModuleNotOnBusFailsAtOnce) {
+TEST_F(two_process_bus_test, a_module_not_on_the_bus_fails_at_once)
+{
     // No socket file at all.
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(send_text(R"({"command": "get-status"})", 9), -1);
@@ -97,14 +105,15 @@ TEST_F(TwoProcessBusTest, ModuleNotOnBusFailsAtOnce) {
     EXPECT_LT(elapsed_ms(start), 100);
 }
 
-TEST_F(TwoProcessBusTest, EmptyAndLargePayloadsPassUnchangedToThePeer) {
+TEST_F(two_process_bus_test, empty_and_large_payloads_pass_unchanged_to_the_peer)
+{
     for (size_t size : {static_cast<size_t>(0), static_cast<size_t>(256 * 1024)}) {
         SCOPED_TRACE(size);
-        std::string out = root_.path() + "/received-" + std::to_string(size);
-        Child peer;
-        start_peer(peer, {"--module", std::to_string(kPeer), "--receive-count", "1", "--out", out});
+        std::string out = root.path() + "/received-" + std::to_string(size);
+        child_process peer;
+        start_peer(peer, {"--module", std::to_string(peer_module), "--receive-count", "1", "--out", out});
         std::string payload = binary_payload(size);
-        ASSERT_EQ(MsgSend(payload.data(), kPeer, static_cast<unsigned>(payload.size())), 0);
+        ASSERT_EQ(MsgSend(payload.data(), peer_module, static_cast<unsigned>(payload.size())), 0);
         ASSERT_EQ(peer.wait_exit(), 0);
         std::string received;
         ASSERT_TRUE(read_file(out, &received));
@@ -113,17 +122,18 @@ TEST_F(TwoProcessBusTest, EmptyAndLargePayloadsPassUnchangedToThePeer) {
     }
 }
 
-TEST_F(TwoProcessBusTest, EmptyAndLargePayloadsPassUnchangedFromThePeer) {
+TEST_F(two_process_bus_test, empty_and_large_payloads_pass_unchanged_from_the_peer)
+{
     join_bus();
     for (size_t size : {static_cast<size_t>(0), static_cast<size_t>(256 * 1024)}) {
         SCOPED_TRACE(size);
-        std::string file = root_.path() + "/to-send-" + std::to_string(size);
+        std::string file = root.path() + "/to-send-" + std::to_string(size);
         std::string payload = binary_payload(size);
         write_file(file, payload);
-        Child peer;
-        ASSERT_TRUE(peer.start_bus_peer({"--send-to", std::to_string(kSelf), "--file", file}));
+        child_process peer;
+        ASSERT_TRUE(peer.start_bus_peer({"--send-to", std::to_string(self_module), "--file", file}));
         ASSERT_EQ(peer.wait_exit(), 0);
-        Message message = receive();
+        owned_message message = receive();
         ASSERT_NE(message, nullptr);
         EXPECT_EQ(message->source, 0);  // the sender never registered
         ASSERT_EQ(message->length, payload.size());
@@ -132,74 +142,79 @@ TEST_F(TwoProcessBusTest, EmptyAndLargePayloadsPassUnchangedFromThePeer) {
     }
 }
 
-TEST_F(TwoProcessBusTest, BinaryPayloadRoundTripsThroughEcho) {
+TEST_F(two_process_bus_test, a_binary_payload_round_trips_through_echo)
+{
     join_bus();
-    Child peer;
-    start_peer(peer, {"--module", std::to_string(kPeer), "--echo"});
+    child_process peer;
+    start_peer(peer, {"--module", std::to_string(peer_module), "--echo"});
     std::string payload = binary_payload(256 * 1024);
-    ASSERT_EQ(MsgSend(payload.data(), kPeer, static_cast<unsigned>(payload.size())), 0);
-    Message echo = receive();
+    ASSERT_EQ(MsgSend(payload.data(), peer_module, static_cast<unsigned>(payload.size())), 0);
+    owned_message echo = receive();
     ASSERT_NE(echo, nullptr);
-    EXPECT_EQ(echo->source, kPeer);
+    EXPECT_EQ(echo->source, peer_module);
     EXPECT_TRUE(payload_of(echo.get()) == payload);
 }
 
-TEST_F(TwoProcessBusTest, SecondProcessCannotTakeLiveModule) {
+TEST_F(two_process_bus_test, a_second_process_cannot_take_a_live_module)
+{
     // The peer holds the module: this process cannot take it.
     {
-        Child peer;
-        start_peer(peer, {"--module", std::to_string(kPeer), "--silent"});
-        EXPECT_EQ(InitLibParams(kPeer, nullptr, 0), -1);
-        EXPECT_TRUE(file_exists(socket_path(kPeer)));
-        ASSERT_EQ(send_text("still reachable", kPeer), 0);
+        child_process peer;
+        start_peer(peer, {"--module", std::to_string(peer_module), "--silent"});
+        EXPECT_EQ(InitLibParams(peer_module, nullptr, 0), -1);
+        EXPECT_TRUE(file_exists(socket_path(peer_module)));
+        ASSERT_EQ(send_text("still reachable", peer_module), 0);
     }
     // This process holds the module: the peer cannot take it.
     join_bus();
-    Child second;
-    ASSERT_TRUE(second.start_bus_peer({"--module", std::to_string(kSelf), "--try-register"}));
+    child_process second;
+    ASSERT_TRUE(second.start_bus_peer({"--module", std::to_string(self_module), "--try-register"}));
     EXPECT_EQ(second.wait_exit(), 3);
-    ASSERT_EQ(send_text("mine", kSelf), 0);
-    Message message = receive();
+    ASSERT_EQ(send_text("mine", self_module), 0);
+    owned_message message = receive();
     ASSERT_NE(message, nullptr);
     EXPECT_EQ(payload_of(message.get()), "mine");
 }
 
-TEST_F(TwoProcessBusTest, StaleSocketFileIsTakenOver) {
-    leave_stale_socket(kSelf);
+TEST_F(two_process_bus_test, a_stale_socket_file_is_taken_over)
+{
+    leave_stale_socket(self_module);
     join_bus();  // takes over the file of the dead process
-    std::string file = root_.path() + "/hello";
+    std::string file = root.path() + "/hello";
     write_file(file, "hello");
-    Child sender;
+    child_process sender;
     ASSERT_TRUE(sender.start_bus_peer(
-        {"--module", std::to_string(kPeer), "--send-to", std::to_string(kSelf), "--file", file}));
+        {"--module", std::to_string(peer_module), "--send-to", std::to_string(self_module), "--file", file}));
     ASSERT_EQ(sender.wait_exit(), 0);
-    Message message = receive();
+    owned_message message = receive();
     ASSERT_NE(message, nullptr);
     EXPECT_EQ(payload_of(message.get()), "hello");
-    EXPECT_EQ(message->source, kPeer);
+    EXPECT_EQ(message->source, peer_module);
 
     // And the other way round: the peer takes over a file this process left behind.
-    leave_stale_socket(kPeer + 1);
-    Child peer;
-    start_peer(peer, {"--module", std::to_string(kPeer + 1), "--echo"});
-    ASSERT_EQ(send_text(R"({"command": "ping"})", kPeer + 1), 0);
-    Tree reply(wait_answer("ping-response", "ping: no answer\n", 300));
+    leave_stale_socket(peer_module + 1);
+    child_process peer;
+    start_peer(peer, {"--module", std::to_string(peer_module + 1), "--echo"});
+    ASSERT_EQ(send_text(R"({"command": "ping"})", peer_module + 1), 0);
+    owned_tree reply(wait_answer("ping-response", "ping: no answer\n", 300));
     EXPECT_NE(reply, nullptr);
 }
 
-TEST_F(TwoProcessBusTest, LongRootPathStillWorks) {
+TEST_F(two_process_bus_test, a_long_root_path_still_works)
+{
     std::string deep;
-    for (int i = 0; i < 8; ++i) deep += "a-rather-long-directory-name-" + std::to_string(i) + "/";
-    root_.use_subdirectory(deep);
-    std::string real = root_.path() + "/" + deep + "run/msgbus/module-1";
+    for (int i = 0; i < 8; ++i)
+        deep += "a-rather-long-directory-name-" + std::to_string(i) + "/";
+    root.use_subdirectory(deep);
+    std::string real = root.path() + "/" + deep + "run/msgbus/module-1";
     ASSERT_GT(real.size(), sizeof(sockaddr_un::sun_path));
 
     join_bus();
     EXPECT_TRUE(file_exists(real));
-    Child peer;
-    start_peer(peer, {"--module", std::to_string(kPeer), "--echo"});
-    ASSERT_EQ(send_text(R"({"command": "get-status"})", kPeer), 0);
-    Tree reply(wait_answer("get-status-response", "get-status: no answer\n", 300));
+    child_process peer;
+    start_peer(peer, {"--module", std::to_string(peer_module), "--echo"});
+    ASSERT_EQ(send_text(R"({"command": "get-status"})", peer_module), 0);
+    owned_tree reply(wait_answer("get-status-response", "get-status: no answer\n", 300));
     ASSERT_NE(reply, nullptr);
     EXPECT_STREQ(cfg_get_value(cfg_get_param(reply.get(), "status")), "ok");
     peer.kill_and_reap();

@@ -1,72 +1,97 @@
-// Helpers shared by the platform tests: a private device root per test, files, captured log
-// lines and child processes.
+// Helpers shared by the platform tests: a private device root per test, files, owned messages
+// and trees, and child processes.
 #ifndef ORVD_TESTS_UNIT_PLATFORM_TEST_SUPPORT_H
 #define ORVD_TESTS_UNIT_PLATFORM_TEST_SUPPORT_H
 
 #include <sys/types.h>
 
 #include <chrono>
-#include <mutex>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "vorna_log_host.h"
+#include "cfg_tree.h"
+#include "msgbus.h"
+#include "vorna_log.h"
 
 namespace platform_test {
 
-// A fresh directory that ORVD_ROOT points at for the object's life; removed with everything
-// below it afterwards, and ORVD_ROOT restored to what it was.
-class TempRoot {
+// Puts ORVD_ROOT back as it was when the object was made.
+class root_variable_restorer {
 public:
-    TempRoot();
-    ~TempRoot();
-    TempRoot(const TempRoot&) = delete;
-    TempRoot& operator=(const TempRoot&) = delete;
+    root_variable_restorer();
+    ~root_variable_restorer();
+    root_variable_restorer(const root_variable_restorer&) = delete;
+    root_variable_restorer& operator=(const root_variable_restorer&) = delete;
 
-    const std::string& path() const { return path_; }
+private:
+    bool was_set = false;
+    std::string value;
+};
+
+// A fresh directory that ORVD_ROOT points at for the object's life; removed with everything
+// below it afterwards.
+class temp_root {
+public:
+    temp_root();
+    ~temp_root();
+    temp_root(const temp_root&) = delete;
+    temp_root& operator=(const temp_root&) = delete;
+
+    const std::string& path() const { return directory; }
     // Points ORVD_ROOT at a subdirectory (created) of this root instead.
     void use_subdirectory(const std::string& relative);
 
 private:
-    std::string path_;
-    bool had_previous_ = false;
-    std::string previous_;
+    root_variable_restorer restore_root;
+    std::string directory;
 };
 
 void write_file(const std::string& path, const std::string& content);
-bool read_file(const std::string& path, std::string* content);
 bool file_exists(const std::string& path);
 void make_directories(const std::string& path);
 
-// Installs a log writer for the object's life and keeps what it receives.
-class LogCapture {
-public:
-    LogCapture();
-    ~LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    std::vector<std::pair<vlr_log_level_t, std::string>> lines();
-    bool contains(vlr_log_level_t level, const std::string& text);
-
-private:
-    static void receive(vlr_log_level_t level, const char* text, void* context);
-    std::mutex mutex_;
-    std::vector<std::pair<vlr_log_level_t, std::string>> lines_;
-};
+// Inline because bus_peer, which has no GoogleTest, reads files too.
+inline bool read_file(const std::string& path, std::string* content)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return false;
+    std::ostringstream text;
+    text << in.rdbuf();
+    *content = text.str();
+    return true;
+}
 
 // Logs through the library's va_list entry point.
 void log(vlr_log_level_t level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+struct message_deleter {
+    void operator()(message_s* message) const { std::free(message); }
+};
+using owned_message = std::unique_ptr<message_s, message_deleter>;
+
+struct tree_deleter {
+    void operator()(cfg_t* tree) const { cfg_release(tree); }
+};
+using owned_tree = std::unique_ptr<cfg_t, tree_deleter>;
+
+inline std::string payload_of(const message_s* message)
+{
+    return std::string(message->payload, message->length);
+}
+
 // A child process (bus_peer) whose standard output is read through a pipe. Killed and reaped
 // when the object goes away, whatever happened in between.
-class Child {
+class child_process {
 public:
-    Child() = default;
-    ~Child();
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
+    child_process() = default;
+    ~child_process();
+    child_process(const child_process&) = delete;
+    child_process& operator=(const child_process&) = delete;
 
     // Starts bus_peer (found next to this test program) with the given arguments.
     bool start_bus_peer(const std::vector<std::string>& arguments);
@@ -75,12 +100,12 @@ public:
     // Waits for the process to end; its exit code, or -1 on time-out or a signal.
     int wait_exit(int timeout_ms = 5000);
     void kill_and_reap();
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return process_id; }
 
 private:
-    pid_t pid_ = -1;
-    int out_fd_ = -1;
-    std::string pending_;
+    pid_t process_id = -1;
+    int output_fd = -1;
+    std::string unread_output;
 };
 
 std::string bus_peer_path();
@@ -88,9 +113,9 @@ std::string bus_peer_path();
 // A payload of `size` bytes that runs through every byte value, 0x00 and 0x80-0xFF included.
 std::string binary_payload(size_t size);
 
-inline long long elapsed_ms(std::chrono::steady_clock::time_point since) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now() - since)
+inline long long elapsed_ms(std::chrono::steady_clock::time_point since)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - since)
         .count();
 }
 

@@ -43,6 +43,15 @@ public:
         return false;
     }
 
+    // True when a line at `level` has `part` somewhere in its text.
+    bool mentions(vlr_log_level_t level, const std::string& part) const
+    {
+        for (const auto& line : lines())
+            if (line.level == level && line.text.find(part) != std::string::npos)
+                return true;
+        return false;
+    }
+
     void clear()
     {
         std::lock_guard<std::mutex> guard(lock);
