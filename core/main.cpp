@@ -4,22 +4,36 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 
 #include "core/run_flags.h"
 #include "core/run_mode.h"
 #include "core/safe_queue.h"
 #include "core/trace.h"
 #include "core/websock_cfg.h"
+#include "transport/ipc_worker.h"
+#include "transport/websock_worker.h"
 #include "vorna_log.h"
 
 namespace {
 
-// WIDS mode: the roaming service on WebSocket, bridged to the local daemon on the bus.
-int run_wids_mode(const websock_cfg_t&)
+// WIDS mode: the roaming service on WebSocket, bridged to the local daemon on the bus. Both
+// workers get the queues in the same order: the bus side fills Q1 and drains Q2.
+int run_wids_mode(const websock_cfg_t& config)
 {
-    safe_queue from_bus;     // filled by the bus side, sent to the server
-    safe_queue from_server;  // filled by the WebSocket side, sent to the bus
-    trace.error("%s mode is not available in this build\n", "WIDS");
+    const ws_service_cfg_t& service = config.services[WS_INSTANCE_ROAMING];
+    safe_queue q1;
+    safe_queue q2;
+    auto websock = std::make_unique<websock_worker>(q1, q2, service.host, service.path, service.port, wids_ws_run,
+                                                    service.initial_connection_delay,
+                                                    service.max_connection_delay, WS_SERVICE_ROAMING);
+    auto ipc = std::make_unique<ipc_worker>(q1, q2, IPC_MODULE_WIDS_BRIDGE, wids_ipc_run);
+    ipc->start();
+    websock->start();
+    ipc->join();
+    ipc.reset();
+    websock->join();
+    websock.reset();
     return 0;
 }
 

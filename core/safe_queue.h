@@ -29,6 +29,14 @@ public:
             notifier();
     }
 
+    // Replaces the notifier under the lock, so that a producer never runs the old one once this
+    // returns (the WebSocket worker relies on it before it destroys its connection).
+    void replace_notifier(const std::function<void()>& notify)
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        notifier = notify;
+    }
+
     // Hands the front item to consume outside the lock; false when the queue was empty.
     bool dequeue(const std::function<void(const T&)>& consume)
     {

@@ -1,0 +1,1 @@
+"""Test harness for running the real orvd programs on loopback."""

@@ -1,0 +1,198 @@
+"""The real programs under test: orvd and the orvd-bus peer, each in its own process."""
+import os
+import pathlib
+import queue
+import re
+import signal
+import subprocess
+import threading
+import time
+
+BUILD_DIR = pathlib.Path(
+    os.environ.get("ORVD_BUILD_DIR", pathlib.Path(__file__).resolve().parents[3] / "build")
+)
+
+
+def program(name):
+    path = BUILD_DIR / name
+    assert path.is_file(), f"{path} is missing: build first"
+    return str(path)
+
+
+class Orvd:
+    """orvd with a configuration file and a device root of its own; its log goes to a file."""
+
+    def __init__(self, workdir, root, config_lines):
+        self.workdir = pathlib.Path(workdir)
+        self.root = pathlib.Path(root)
+        self.conf = self.workdir / "orvd.conf"
+        self.conf.write_text("".join(line + "\n" for line in config_lines))
+        self.log_path = self.workdir / "orvd.log"
+        self.proc = None
+
+    def start(self):
+        env = dict(os.environ, ORVD_ROOT=str(self.root))
+        self._log = open(self.log_path, "wb")
+        self.proc = subprocess.Popen(
+            [program("orvd"), "-f", str(self.conf)],
+            stdin=subprocess.DEVNULL,
+            stdout=self._log,
+            stderr=subprocess.STDOUT,
+            env=env,
+        )
+        return self
+
+    def log(self):
+        return self.log_path.read_text(errors="replace")
+
+    def log_lines(self, pattern):
+        """Lines of the log whose text (after time, name and level) matches the pattern."""
+        matcher = re.compile(pattern)
+        return [line for line in self.log().splitlines() if matcher.search(line)]
+
+    def wait_log(self, pattern, count=1, timeout=15):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            lines = self.log_lines(pattern)
+            if len(lines) >= count:
+                return lines
+            assert self.proc.poll() is None, f"orvd ended with {self.proc.returncode}:\n{self.log()[-3000:]}"
+            time.sleep(0.05)
+        raise AssertionError(f"{pattern!r} x{count} not logged within {timeout}s:\n{self.log()[-3000:]}")
+
+    def running(self):
+        return self.proc is not None and self.proc.poll() is None
+
+    def terminate(self, sig=signal.SIGTERM, timeout=10):
+        """Sends the signal; returns (exit status, seconds until the process ended)."""
+        started = time.monotonic()
+        self.proc.send_signal(sig)
+        try:
+            status = self.proc.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            self.proc.wait()
+            raise AssertionError(f"orvd did not end within {timeout}s of {sig!r}:\n{self.log()[-3000:]}")
+        return status, time.monotonic() - started
+
+    def kill(self):
+        if self.running():
+            self.proc.kill()
+            self.proc.wait()
+        if getattr(self, "_log", None):
+            self._log.close()
+
+
+def escape(payload: bytes) -> str:
+    out = []
+    for byte in payload:
+        if byte == 0x5C:
+            out.append("\\\\")
+        elif byte == 0x0A:
+            out.append("\\n")
+        elif byte == 0x0D:
+            out.append("\\r")
+        elif byte == 0x09:
+            out.append("\\t")
+        elif 0x20 <= byte <= 0x7E:
+            out.append(chr(byte))
+        else:
+            out.append(f"\\x{byte:02x}")
+    return "".join(out)
+
+
+def unescape(line: str) -> bytes:
+    out = bytearray()
+    i = 0
+    while i < len(line):
+        c = line[i]
+        if c != "\\":
+            out.append(ord(c))
+            i += 1
+            continue
+        nxt = line[i + 1]
+        if nxt == "x":
+            out.append(int(line[i + 2 : i + 4], 16))
+            i += 4
+        else:
+            out.append({"\\": 0x5C, "n": 0x0A, "r": 0x0D, "t": 0x09}[nxt])
+            i += 2
+    return bytes(out)
+
+
+class BusPeer:
+    """`orvd-bus peer`: one bus module driven line by line from the test."""
+
+    def __init__(self, root, module, to):
+        self.root = pathlib.Path(root)
+        self.module = module
+        env = dict(os.environ, ORVD_ROOT=str(root))
+        self.proc = subprocess.Popen(
+            [program("orvd-bus"), "peer", "--as", str(module), "--to", str(to)],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            env=env,
+        )
+        self.received = queue.Queue()
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+        socket_file = self.root / "run" / "msgbus" / f"module-{module}"
+        deadline = time.monotonic() + 10
+        while not socket_file.exists():
+            assert self.proc.poll() is None, self.proc.stderr.read().decode()
+            assert time.monotonic() < deadline, f"module {module} did not join the bus"
+            time.sleep(0.02)
+
+    def _read(self):
+        for raw in self.proc.stdout:
+            self.received.put(unescape(raw.decode().rstrip("\n")))
+
+    def send(self, payload: bytes):
+        self.proc.stdin.write((escape(payload) + "\n").encode())
+        self.proc.stdin.flush()
+
+    def send_many(self, payloads):
+        self.proc.stdin.write("".join(escape(p) + "\n" for p in payloads).encode())
+        self.proc.stdin.flush()
+
+    def receive(self, timeout=10):
+        return self.received.get(timeout=timeout)
+
+    def receive_until(self, predicate, timeout=10):
+        """Skips messages until one satisfies the predicate; returns it."""
+        deadline = time.monotonic() + timeout
+        while True:
+            remaining = deadline - time.monotonic()
+            if remaining <= 0:
+                raise AssertionError("expected bus message did not arrive")
+            message = self.receive(timeout=remaining)
+            if predicate(message):
+                return message
+
+    def drain(self):
+        items = []
+        while True:
+            try:
+                items.append(self.received.get_nowait())
+            except queue.Empty:
+                return items
+
+    def close(self):
+        if self.proc.poll() is None:
+            self.proc.terminate()
+            try:
+                self.proc.wait(5)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait()
+
+
+def wids_config(port, initial=0, maximum=0, log_level="0x0F", path="/wids"):
+    """A configuration file for WIDS mode against a service on this machine."""
+    return [
+        f"roam_service_url=ws://127.0.0.1:{port}{path}",
+        f"initial_connection_delay={initial}",
+        f"max_connection_delay={maximum}",
+        f"log_level={log_level}",
+    ]
