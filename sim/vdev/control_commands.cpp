@@ -1,0 +1,76 @@
+#include "control_commands.h"
+
+#include <sstream>
+#include <vector>
+
+namespace {
+
+const char* const help_text =
+    "commands: hostapd start|stop|restart, widsd start|stop|restart, config-updated, "
+    "timezone-changed, state, quit";
+
+std::vector<std::string> words_of(const std::string& line)
+{
+    std::istringstream in(line);
+    std::vector<std::string> words;
+    for (std::string word; in >> word;)
+        words.push_back(word);
+    return words;
+}
+
+std::string outcome(bool ok, const std::string& error)
+{
+    return ok ? "ok" : "error " + error;
+}
+
+std::string service_command(const std::string& service, const std::string& action, service_player& services)
+{
+    std::string error;
+    if (action == "start")
+        return outcome(services.start(service, &error), error);
+    if (action == "stop")
+        return outcome(services.stop(service, &error), error);
+    if (action == "restart")
+        return outcome(services.restart(service, &error), error);
+    return "error " + service + " takes start, stop or restart";
+}
+
+std::string state_of(control_context* context)
+{
+    json_ptr state(json_object_new_object());
+    json_object_object_add(state.get(), "radios", context->device.radios_state().release());
+    json_object* services = json_object_new_object();
+    for (const char* service : {"hostapd", "widsd"})
+        json_object_object_add(services, service,
+                               json_object_new_boolean(context->services.running(service)));
+    json_object_object_add(state.get(), "services", services);
+    return "ok " + json_text(state.get());
+}
+
+}  // namespace
+
+std::string run_control_command(const std::string& line, control_context* context)
+{
+    const std::vector<std::string> words = words_of(line);
+    if (words.empty())
+        return "error empty command";
+    const std::string& command = words[0];
+    std::string error;
+    if (service_player::known(command) && words.size() == 2)
+        return service_command(command, words[1], context->services);
+    if (words.size() != 1)
+        return "error unknown command: " + line + " (" + help_text + ")";
+    if (command == "config-updated")
+        return outcome(context->services.notify("config_updated", &error), error);
+    if (command == "timezone-changed")
+        return outcome(context->services.notify("timezone_changed", &error), error);
+    if (command == "state")
+        return state_of(context);
+    if (command == "quit") {
+        context->quit = true;
+        return "ok";
+    }
+    if (command == "help")
+        return std::string("ok ") + help_text;
+    return "error unknown command: " + line + " (" + help_text + ")";
+}

@@ -1,0 +1,29 @@
+// sim/vdev/requests.log below the device root: one JSON line per request served, written with
+// one write() each, so that a test that has received a reply finds its line already there.
+#ifndef ORVD_SIM_VDEV_REQUEST_LOG_H
+#define ORVD_SIM_VDEV_REQUEST_LOG_H
+
+#include <string>
+#include <string_view>
+
+class request_log {
+public:
+    request_log() = default;
+    ~request_log();
+    request_log(const request_log&) = delete;
+    request_log& operator=(const request_log&) = delete;
+
+    // Starts an empty log.
+    bool open(std::string* error);
+
+    // {"time", "as", "module", "source", "request", "reply"}: the request and the reply as JSON
+    // objects, or as their escaped text when they are not JSON.
+    void record(const char* role, int module, int source, std::string_view request, std::string_view reply);
+
+    static std::string path();
+
+private:
+    int fd = -1;
+};
+
+#endif

@@ -1,0 +1,623 @@
+// The driver's exchanges with networkd and configd over the real bus, against a second real
+// process (daemon_responder) that stands in for the daemon and records what it receives.
+#include "driver/daemon_requests.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <limits.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "core/trace.h"
+#include "core/websock_cfg.h"
+#include "log_capture.h"
+#include "msgbus.h"
+
+extern char** environ;
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+long long elapsed_ms(clock_type::time_point since)
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() - since).count();
+}
+
+int remove_entry(const char* path, const struct stat*, int, struct FTW*)
+{
+    ::remove(path);
+    return 0;
+}
+
+// A fresh directory that ORVD_ROOT points at while the object lives; ORVD_ROOT is put back
+// and the directory removed afterwards.
+class temp_root {
+public:
+    temp_root()
+    {
+        const char* previous = std::getenv("ORVD_ROOT");
+        had_previous = previous != nullptr;
+        if (had_previous)
+            previous_value = previous;
+        char pattern[] = "/tmp/orvd-driver-XXXXXX";
+        if (::mkdtemp(pattern) == nullptr) {
+            ADD_FAILURE() << "mkdtemp: " << std::strerror(errno);
+            return;
+        }
+        directory = pattern;
+        ::setenv("ORVD_ROOT", directory.c_str(), 1);
+    }
+    ~temp_root()
+    {
+        if (!directory.empty())
+            ::nftw(directory.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+        if (had_previous)
+            ::setenv("ORVD_ROOT", previous_value.c_str(), 1);
+        else
+            ::unsetenv("ORVD_ROOT");
+    }
+    temp_root(const temp_root&) = delete;
+    temp_root& operator=(const temp_root&) = delete;
+
+    const std::string& path() const { return directory; }
+
+private:
+    bool had_previous = false;
+    std::string previous_value;
+    std::string directory;
+};
+
+std::string responder_path()
+{
+    char self[PATH_MAX];
+    ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0)
+        return "daemon_responder";
+    self[length] = '\0';
+    std::string path(self);
+    return path.substr(0, path.rfind('/') + 1) + "daemon_responder";
+}
+
+// A daemon_responder process: started on the bus, killed and reaped when the object goes,
+// whatever happened in between.
+class responder {
+public:
+    responder() = default;
+    ~responder() { stop(); }
+    responder(const responder&) = delete;
+    responder& operator=(const responder&) = delete;
+
+    // Starts the responder and waits until it receives on the bus.
+    bool start(const std::vector<std::string>& arguments)
+    {
+        int pipe_fds[2];
+        if (::pipe2(pipe_fds, O_CLOEXEC) != 0)
+            return false;
+        std::vector<std::string> all{responder_path()};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        std::vector<char*> argv;
+        for (auto& argument : all)
+            argv.push_back(&argument[0]);
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
+        int result = ::posix_spawn(&process_id, all[0].c_str(), &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(pipe_fds[1]);
+        if (result != 0) {
+            ::close(pipe_fds[0]);
+            process_id = -1;
+            ADD_FAILURE() << "cannot start " << all[0] << ": " << std::strerror(result);
+            return false;
+        }
+        output_fd = pipe_fds[0];
+        return wait_ready();
+    }
+
+    void stop()
+    {
+        if (process_id > 0) {
+            ::kill(process_id, SIGKILL);
+            int status = 0;
+            while (::waitpid(process_id, &status, 0) < 0 && errno == EINTR) {
+            }
+            process_id = -1;
+        }
+        if (output_fd >= 0) {
+            ::close(output_fd);
+            output_fd = -1;
+        }
+    }
+
+private:
+    bool wait_ready()
+    {
+        std::string output;
+        const auto start = clock_type::now();
+        while (output.find('\n') == std::string::npos) {
+            long long left = 5000 - elapsed_ms(start);
+            pollfd readable = {output_fd, POLLIN, 0};
+            if (left <= 0 || ::poll(&readable, 1, static_cast<int>(left)) < 0)
+                return false;
+            char buffer[64];
+            ssize_t got = ::read(output_fd, buffer, sizeof buffer);
+            if (got <= 0)
+                return false;
+            output.append(buffer, static_cast<size_t>(got));
+        }
+        return output.substr(0, output.find('\n')) == "ready";
+    }
+
+    pid_t process_id = -1;
+    int output_fd = -1;
+};
+
+std::vector<std::string> read_lines(const std::string& path)
+{
+    std::vector<std::string> lines;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line))
+        lines.push_back(line);
+    return lines;
+}
+
+class daemon_requests_test : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        saved_log_level = orvd_log_level;
+        saved_trace_mask = trace.get_log_level();
+        orvd_log_level = 15;
+        trace.set_log_level(15);
+        // The driver's own registration, as its constructor makes it.
+        const signed char params[] = {static_cast<signed char>(0xFE), 0x00};
+        ASSERT_EQ(InitLibParams(MSGBUS_MODULE_RRM, params, 2), 0);
+    }
+    void TearDown() override
+    {
+        FreeLibParams();
+        orvd_log_level = saved_log_level;
+        trace.set_log_level(saved_trace_mask);
+    }
+
+    std::string socket_path(int module) const
+    {
+        return root.path() + "/run/msgbus/module-" + std::to_string(module);
+    }
+    std::string record_path(int module) const { return root.path() + "/requests-" + std::to_string(module); }
+
+    // Starts the stand-in for `module` that records every request; `role` is its answer.
+    void start_daemon(responder& daemon, int module, const std::vector<std::string>& role)
+    {
+        std::vector<std::string> arguments{"--module", std::to_string(module), "--record",
+                                           record_path(module)};
+        arguments.insert(arguments.end(), role.begin(), role.end());
+        ASSERT_TRUE(daemon.start(arguments)) << "daemon_responder did not come up";
+    }
+
+    // The requests `module` has recorded, once there are at least `count` (or after 2 s).
+    std::vector<std::string> requests_to(int module, size_t count) const
+    {
+        const auto start = clock_type::now();
+        for (;;) {
+            std::vector<std::string> lines = read_lines(record_path(module));
+            if (lines.size() >= count || elapsed_ms(start) > 2000)
+                return lines;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+
+    bool logged(vlr_log_level_t level, const std::string& text) const
+    {
+        for (const auto& line : log.lines())
+            if (line.level == level && line.text == text)
+                return true;
+        return false;
+    }
+
+    size_t times_logged(const std::string& text) const
+    {
+        auto texts = log.texts();
+        return static_cast<size_t>(std::count(texts.begin(), texts.end(), text));
+    }
+
+    // The value configd_get reads when configd answers with `reply`.
+    std::string value_read_from(const std::string& reply)
+    {
+        responder configd;
+        start_daemon(configd, MSGBUS_MODULE_CONFIGD, {"--reply", reply});
+        std::string value = "untouched";
+        EXPECT_EQ(requests.configd_get("wireless.radio0.channel", value), 0) << reply;
+        return value;
+    }
+
+    temp_root root;  // first, so that it goes last: the responders are gone by then
+    log_capture log;
+    daemon_requests requests;
+    int saved_log_level = 0;
+    int saved_trace_mask = 0;
+};
+
+const std::string tx_power_request =
+    R"({"command":"update-quillon","ifname":"wlan0","params":{"tx-power":"14"}})";
+
+TEST_F(daemon_requests_test, a_tx_power_change_is_sent_as_one_compact_line_and_its_reply_taken)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--reply-ok"});
+    EXPECT_EQ(requests.update_quillon("wlan0", {{"tx-power", "14"}}), 0);
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 1), std::vector<std::string>{tx_power_request});
+    EXPECT_TRUE(logged(VLR_LOG_DEBUG, "Try to send update-quillon to networkd\n"));
+    EXPECT_TRUE(logged(VLR_LOG_DEBUG, "Successfully received update-quillon-response from networkd\n"));
+    EXPECT_EQ(GetModuleLoop(), 0);  // the peer is closed again after the exchange
+}
+
+TEST_F(daemon_requests_test, a_reply_with_another_command_is_ignored_until_the_time_out)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD,
+                 {"--reply", R"({"command":"update-quillon-fbt-response","status":"ok"})"});
+    const auto start = clock_type::now();
+    EXPECT_EQ(requests.update_quillon("wlan0", {{"tx-power", "14"}}), -1);
+    const long long took = elapsed_ms(start);
+    EXPECT_GE(took, 195);
+    EXPECT_LT(took, 1000);
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 1), std::vector<std::string>{tx_power_request});
+    EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: can't update Quillon params\n"));
+    EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: no response (update_quillon)\n"));
+}
+
+TEST_F(daemon_requests_test, a_channel_change_sends_its_params_in_the_order_given)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--reply-ok"});
+    EXPECT_EQ(
+        requests.update_quillon("wlan1", {{"auto-channel", "false"}, {"channel", "36"}, {"bandwidth", "80"}}),
+        0);
+    EXPECT_EQ(requests.update_quillon("wlan1", {{"auto-channel", "false"},
+                                                {"channel", "36"},
+                                                {"bandwidth", "40"},
+                                                {"control-sideband", "lower"}}),
+              0);
+    const std::vector<std::string> expected{
+        R"({"command":"update-quillon","ifname":"wlan1","params":{"auto-channel":"false","channel":"36","bandwidth":"80"}})",
+        R"({"command":"update-quillon","ifname":"wlan1","params":{"auto-channel":"false","channel":"36","bandwidth":"40","control-sideband":"lower"}})"};
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 2), expected);
+}
+
+TEST_F(daemon_requests_test, a_refusal_without_reason_fails_an_update_but_not_fast_transition_settings)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD,
+                 {"--reply", R"({"command":"update-quillon-response","status":"fail"})", "--reply",
+                  R"({"command":"update-quillon-fbt-response","status":"fail"})"});
+    EXPECT_EQ(requests.update_quillon("wlan0", {{"tx-power", "14"}}), -1);
+    EXPECT_EQ(times_logged("Error: ifname (wlan0) reason (invalid response)\n"), 1u);
+    EXPECT_EQ(requests.set_quillon_fbt_params("wlan0", R"({"enabled":"1"})"), 0);
+    EXPECT_EQ(times_logged("Error: ifname (wlan0) reason (invalid response)\n"), 2u);
+    EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: ifname (wlan0) reason (invalid response)\n"));
+    EXPECT_FALSE(logged(VLR_LOG_DEBUG, "Successfully received update-quillon-response from networkd\n"));
+}
+
+TEST_F(daemon_requests_test, a_refusal_with_a_reason_logs_the_reason)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD,
+                 {"--reply", R"({"command":"reset-quillon-response","status":"busy","reason":"radio off"})"});
+    EXPECT_EQ(requests.send_reset_quillon("wlan1"), -1);
+    EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: ifname (wlan1) reason (radio off)\n"));
+}
+
+TEST_F(daemon_requests_test, an_accepted_fast_transition_change_answers_zero)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--reply-ok"});
+    EXPECT_EQ(requests.set_quillon_fbt_params("wlan0-va0", R"({"enabled":"1"})"), 0);
+    EXPECT_TRUE(logged(VLR_LOG_DEBUG, "Try to send update-quillon-fbt to networkd\n"));
+    EXPECT_TRUE(logged(VLR_LOG_DEBUG, "Successfully received update-quillon-fbt-response from networkd\n"));
+}
+
+TEST_F(daemon_requests_test, a_read_of_an_empty_path_sends_nothing)
+{
+    responder configd;
+    start_daemon(configd, MSGBUS_MODULE_CONFIGD, {"--reply", R"({"command":"get-response","value":"6"})"});
+    std::string value = "untouched";
+    EXPECT_EQ(requests.configd_get("", value), -1);
+    EXPECT_EQ(value, "untouched");
+    // The first request configd ever sees is the one that follows.
+    ASSERT_EQ(requests.configd_get("system.name", value), 0);
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_CONFIGD, 1),
+              std::vector<std::string>{R"({"command":"get","path":"system.name"})"});
+}
+
+TEST_F(daemon_requests_test, requests_without_an_interface_or_settings_send_nothing)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--reply-ok"});
+    EXPECT_EQ(requests.update_quillon("", {{"tx-power", "14"}}), -1);
+    EXPECT_EQ(requests.update_quillon("wlan0", {}), -1);
+    EXPECT_EQ(requests.send_reset_quillon(""), -1);
+    EXPECT_EQ(requests.set_quillon_fbt_params("wlan0-va0", "enabled=1"), -1);
+    EXPECT_EQ(requests.set_quillon_fbt_params("wlan0-va0", ""), -1);
+    EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: ifname (wlan0-va0) reason (invalid fbt params)\n"));
+    EXPECT_EQ(requests.reset_quillon_fbt(0), 0);
+    EXPECT_EQ(requests.reset_quillon_fbt(3), 0);
+    // The first request networkd ever sees is the one that follows.
+    ASSERT_EQ(requests.send_reset_quillon("wlan0"), 0);
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 1),
+              std::vector<std::string>{R"({"command":"reset-quillon","ifname":"wlan0"})"});
+}
+
+TEST_F(daemon_requests_test, only_a_full_reset_puts_both_radios_back)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--reply-ok"});
+    requests.reset_quillon(1);
+    requests.reset_quillon(-1);
+    requests.reset_quillon(0);
+    const std::vector<std::string> expected{R"({"command":"reset-quillon","ifname":"wlan0"})",
+                                            R"({"command":"reset-quillon","ifname":"wlan1"})"};
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 2), expected);
+    EXPECT_EQ(times_logged("Successfully received reset-quillon-response from networkd\n"), 2u);
+}
+
+TEST_F(daemon_requests_test, a_plain_value_is_read_as_its_text)
+{
+    EXPECT_EQ(value_read_from(R"({"command":"get-response","status":"ok","value":"36"})"), "36");
+    EXPECT_EQ(value_read_from(R"({"command":"get-response","value":true})"), "true");
+    EXPECT_EQ(value_read_from(R"({"command":"get-response","value":1.50})"), "1.50");
+    EXPECT_EQ(value_read_from(R"({"command":"get-response","value":-7})"), "-7");
+    EXPECT_TRUE(logged(VLR_LOG_DEBUG, "Try to send get to configd\n"));
+    EXPECT_TRUE(logged(VLR_LOG_DEBUG, "get-response successfully received\n"));
+}
+
+TEST_F(daemon_requests_test, a_null_or_missing_value_is_read_as_empty_text)
+{
+    EXPECT_EQ(value_read_from(R"({"command":"get-response","value":null})"), "");
+    EXPECT_EQ(value_read_from(R"({"command":"get-response","status":"ok"})"), "");
+}
+
+TEST_F(daemon_requests_test, the_status_of_a_read_is_not_consulted)
+{
+    EXPECT_EQ(value_read_from(R"({"command":"get-response","status":"fail","value":"11"})"), "11");
+}
+
+TEST_F(daemon_requests_test, a_subtree_is_read_as_readable_text)
+{
+    EXPECT_EQ(value_read_from(R"({"command":"get-response","value":{"channel":"36","list":[1,2]}})"),
+              "{\n  \"channel\":\"36\",\n  \"list\":[\n    1,\n    2\n  ]\n}");
+    EXPECT_EQ(value_read_from(R"({"command":"get-response","value":["a"]})"), "[\n  \"a\"\n]");
+}
+
+TEST_F(daemon_requests_test, every_request_is_sent_as_exact_text)
+{
+    responder networkd;
+    responder configd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--reply-ok"});
+    start_daemon(configd, MSGBUS_MODULE_CONFIGD, {"--reply", R"({"command":"get-response","value":"x"})"});
+    std::string value;
+    EXPECT_EQ(requests.update_quillon("wlan1", {{"tx-power", "20"}}), 0);
+    EXPECT_EQ(requests.configd_get("wireless.radio1.channel", value), 0);
+    EXPECT_EQ(requests.set_quillon_fbt_params("wlan0-va1", R"( {"enabled": "1", "mobility-domain": "a1b2",
+                                                                 "over-ds": false} )"),
+              0);
+    EXPECT_EQ(requests.send_reset_quillon("wlan1"), 0);
+    requests.reset_quillon(0);
+    EXPECT_EQ(requests.reset_quillon_fbt_all(1), 0);
+    const std::vector<std::string> to_networkd{
+        R"({"command":"update-quillon","ifname":"wlan1","params":{"tx-power":"20"}})",
+        R"({"command":"update-quillon-fbt","ifname":"wlan0-va1","params":{"enabled":"1","mobility-domain":"a1b2","over-ds":false}})",
+        R"({"command":"reset-quillon","ifname":"wlan1"})",
+        R"({"command":"reset-quillon","ifname":"wlan0"})",
+        R"({"command":"reset-quillon","ifname":"wlan1"})",
+        R"({"command":"reset-quillon-fbt","ifname":"wlan0-va0"})",
+        R"({"command":"reset-quillon-fbt","ifname":"wlan1-va0"})"};
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, to_networkd.size()), to_networkd);
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_CONFIGD, 1),
+              std::vector<std::string>{R"({"command":"get","path":"wireless.radio1.channel"})"});
+}
+
+TEST_F(daemon_requests_test, send_and_wait_hands_back_the_reply_and_closes_the_peer)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD,
+                 {"--reply", R"({"command":"probe-response","status":"ok","echo":"1"})"});
+    cfg_t* request = cfg_parse_buffer(R"({"command": "probe"})");
+    cfg_t* reply =
+        requests.send_and_wait(request, "probe-response", MSGBUS_MODULE_NETWORKD, "probe failed\n");
+    ASSERT_NE(reply, nullptr);
+    EXPECT_STREQ(cfg_get_value(cfg_get_param(reply, "echo")), "1");
+    EXPECT_EQ(GetModuleLoop(), 0);
+    cfg_release(reply);
+    cfg_release(request);
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 1), std::vector<std::string>{R"({"command":"probe"})"});
+}
+
+TEST_F(daemon_requests_test, every_vap_of_both_radios_is_reset_in_order)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--reply-ok"});
+    EXPECT_EQ(requests.reset_quillon_fbt_all(7), 0);
+    std::vector<std::string> expected;
+    for (int radio = 0; radio < 2; ++radio)
+        for (int vap = 0; vap < 7; ++vap)
+            expected.push_back(R"({"command":"reset-quillon-fbt","ifname":"wlan)" + std::to_string(radio) +
+                               "-va" + std::to_string(vap) + R"("})");
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 14), expected);
+    EXPECT_TRUE(logged(VLR_LOG_DEBUG, "__reset_quillon_fbt\n"));
+    EXPECT_EQ(times_logged("Try to send reset-quillon-fbt to networkd\n"), 14u);
+    EXPECT_EQ(times_logged("Successfully received reset-quillon-fbt-response from networkd\n"), 14u);
+}
+
+TEST_F(daemon_requests_test, a_refused_vap_reset_does_not_stop_the_others)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD,
+                 {"--reply", R"({"command":"reset-quillon-fbt-response","status":"fail","reason":"no vap"})",
+                  "--reply", R"({"command":"reset-quillon-fbt-response","status":"ok"})"});
+    EXPECT_EQ(requests.reset_quillon_fbt_all(2), 0);
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 4).size(), 4u);
+    EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: ifname (wlan0-va0) reason (no vap)\n"));
+    EXPECT_EQ(times_logged("Successfully received reset-quillon-fbt-response from networkd\n"), 3u);
+}
+
+TEST_F(daemon_requests_test, a_silent_networkd_stops_the_vap_resets_at_the_first)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--silent"});
+    const auto start = clock_type::now();
+    EXPECT_EQ(requests.reset_quillon_fbt_all(7), -1);
+    const long long took = elapsed_ms(start);
+    EXPECT_GE(took, 195);
+    EXPECT_LT(took, 390);  // one time-out, not two
+    EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: can't reset Quillon params\n"));
+    EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: no response (__reset_quillon_fbt)\n"));
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 1),
+              std::vector<std::string>{R"({"command":"reset-quillon-fbt","ifname":"wlan0-va0"})"});
+}
+
+// One operation as the fault tests drive it: every failed exchange answers -1.
+struct exchange_case {
+    const char* name;
+    std::function<int()> run;
+    long long timeouts;  // exchanges that wait for their reply when the daemon is silent
+    std::vector<std::string> error_lines;
+};
+
+std::vector<exchange_case> every_exchange(daemon_requests& requests, std::string& value)
+{
+    return {
+        {"update_quillon",
+         [&] {
+             return requests.update_quillon("wlan0", {{"tx-power", "14"}});
+         },
+         1,
+         {"Error: can't update Quillon params\n", "Error: no response (update_quillon)\n"}},
+        {"configd_get",
+         [&] { return requests.configd_get("wireless.radio0.channel", value); },
+         1,
+         {"Error: can't get config\n", "Error: path (wireless.radio0.channel) reason (not found)\n"}},
+        {"set_quillon_fbt_params",
+         [&] { return requests.set_quillon_fbt_params("wlan0-va0", R"({"enabled":"1"})"); },
+         1,
+         {"Error: can't update Quillon fbt params\n", "Error: no response (set_quillon_fbt_params)\n"}},
+        {"send_reset_quillon",
+         [&] { return requests.send_reset_quillon("wlan0"); },
+         1,
+         {"Error: can't reset Quillon params\n", "Error: no response (send_reset_quillon)\n"}},
+        {"reset_quillon",
+         [&] {
+             requests.reset_quillon(0);
+             return -1;  // it has no result of its own
+         },
+         2,
+         {"Error: can't reset Quillon params\n", "Error: no response (send_reset_quillon)\n"}},
+        {"reset_quillon_fbt_all",
+         [&] { return requests.reset_quillon_fbt_all(7); },
+         1,
+         {"Error: can't reset Quillon params\n", "Error: no response (__reset_quillon_fbt)\n"}},
+    };
+}
+
+TEST_F(daemon_requests_test, absent_daemons_fail_every_exchange_at_once)
+{
+    std::string value;
+    long long longest = 0;
+    auto every_exchange_fails_at_once = [&] {
+        for (const auto& exchange : every_exchange(requests, value)) {
+            SCOPED_TRACE(exchange.name);
+            log.clear();
+            const auto start = clock_type::now();
+            EXPECT_EQ(exchange.run(), -1);
+            const long long took = elapsed_ms(start);
+            longest = std::max(longest, took);
+            EXPECT_LT(took, 50);
+            for (const auto& line : exchange.error_lines)
+                EXPECT_TRUE(logged(VLR_LOG_ERROR, line)) << line;
+            EXPECT_EQ(times_logged(exchange.error_lines[0]), static_cast<size_t>(exchange.timeouts));
+        }
+    };
+    {
+        SCOPED_TRACE("never on the bus");
+        every_exchange_fails_at_once();
+    }
+    {
+        SCOPED_TRACE("died, leaving their socket files behind");
+        responder networkd;
+        responder configd;
+        start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--silent"});
+        start_daemon(configd, MSGBUS_MODULE_CONFIGD, {"--silent"});
+        networkd.stop();
+        configd.stop();
+        ASSERT_EQ(::access(socket_path(MSGBUS_MODULE_NETWORKD).c_str(), F_OK), 0);
+        ASSERT_EQ(::access(socket_path(MSGBUS_MODULE_CONFIGD).c_str(), F_OK), 0);
+        every_exchange_fails_at_once();
+    }
+    std::printf("exchanges with an absent daemon: longest %lld ms\n", longest);
+}
+
+TEST_F(daemon_requests_test, silent_daemons_end_every_exchange_by_its_time_out)
+{
+    responder networkd;
+    responder configd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--silent"});
+    start_daemon(configd, MSGBUS_MODULE_CONFIGD, {"--silent"});
+    std::string value = "untouched";
+    for (const auto& exchange : every_exchange(requests, value)) {
+        SCOPED_TRACE(exchange.name);
+        log.clear();
+        const auto start = clock_type::now();
+        EXPECT_EQ(exchange.run(), -1);
+        const long long took = elapsed_ms(start);
+        EXPECT_GE(took, 195 * exchange.timeouts);
+        EXPECT_LT(took, 200 * exchange.timeouts + 300);
+        for (const auto& line : exchange.error_lines)
+            EXPECT_TRUE(logged(VLR_LOG_ERROR, line)) << line;
+        EXPECT_EQ(times_logged(exchange.error_lines[0]), static_cast<size_t>(exchange.timeouts));
+    }
+    EXPECT_EQ(value, "untouched");
+}
+
+TEST_F(daemon_requests_test, a_burst_of_forty_reads_from_a_silent_configd_stays_below_the_clock_guard)
+{
+    responder configd;
+    start_daemon(configd, MSGBUS_MODULE_CONFIGD, {"--silent"});
+    std::string value;
+    long long longest = 0;
+    const auto burst_start = clock_type::now();
+    for (int read = 0; read < 40; ++read) {
+        const auto start = clock_type::now();
+        EXPECT_EQ(requests.configd_get("wireless.radio0.channel", value), -1);
+        longest = std::max(longest, elapsed_ms(start));
+    }
+    const long long total = elapsed_ms(burst_start);
+    std::printf("burst of 40 reads from a silent configd: %lld ms in all, longest read %lld ms\n", total,
+                longest);
+    RecordProperty("burst_total_ms", static_cast<int>(total));
+    RecordProperty("burst_longest_read_ms", static_cast<int>(longest));
+    EXPECT_LT(longest, 400);
+    EXPECT_LT(total, 9000);  // the worker's clock guard ends the process at 10 s
+}
+
+}  // namespace
