@@ -19,11 +19,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     std::memcpy(block, data, std::min(size, sizeof(vorna_command_t)));
 
-    const stub_driver driver;
-    ap_table table;
+    // Kept across runs (emptied each time) so that long replies cost no reallocation.
+    static const stub_driver driver;
+    static ap_table table;
+    static std::vector<rrm_sta_realtek> stations;
+    table.clear();
+    stations.clear();
     ioctl_ops::parse_scan_result(driver, *block, table);
     ioctl_ops::parse_rrm_scan_result(driver, *block, table);
-    std::vector<rrm_sta_realtek> stations;
     ioctl_ops::parse_assoc_sta(*block, stations);
     std::set<unsigned> channels;
     ioctl_ops::parse_available_channels(*block, channels);
