@@ -214,7 +214,7 @@ unsigned driver_realtek::get_config_bandwidth(char const* ifname) const
 }
 
 // Without a usable "control-sideband" the answer is the 20 MHz bit, like the bandwidth's
-// default, and the caller ORs it into the radio's configured spec.
+// default, and the caller ORs it into the radio's configured chanspec bits.
 unsigned driver_realtek::get_config_primary(char const* ifname) const
 {
     if (!usable() || ifname == nullptr)

@@ -1,4 +1,4 @@
-// Channel specifications, channel and power, transmit-power limits and OBSS coexistence.
+// Chanspecs, channel and power, transmit-power limits and OBSS coexistence.
 #include <regex.h>
 
 #include <cstdio>

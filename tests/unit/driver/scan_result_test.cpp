@@ -21,8 +21,8 @@ protected:
     {
         driver_fixture::SetUp();
         // The fake decodes a chanspec's channel as its low byte and its bandwidth as 20 MHz.
-        ON_CALL(driver, chanspec_channel(_)).WillByDefault(Invoke([](unsigned spec) {
-            return int(spec & 0xFF);
+        ON_CALL(driver, chanspec_channel(_)).WillByDefault(Invoke([](unsigned chanspec) {
+            return int(chanspec & 0xFF);
         }));
         ON_CALL(driver, chanspec_bw(_)).WillByDefault(Invoke([](unsigned) { return 20; }));
     }
