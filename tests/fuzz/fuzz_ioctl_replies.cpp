@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "driver/ioctl_ops.h"
-#include "stub_driver.h"
+#include "neutral_driver.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -20,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::memcpy(block, data, std::min(size, sizeof(vorna_command_t)));
 
     // Kept across runs (emptied each time) so that long replies cost no reallocation.
-    static const stub_driver driver;
+    static const neutral_driver driver;
     static ap_table table;
     static std::vector<rrm_sta_realtek> stations;
     table.clear();

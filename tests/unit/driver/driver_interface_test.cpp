@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "mock_driver.h"
-#include "stub_driver.h"
+#include "neutral_driver.h"
 
 namespace {
 
@@ -133,12 +133,12 @@ TEST(driver_interface_test, the_81_operations_take_the_table_slots_in_their_orde
         << out_of_place.size() << " out of place, first " << out_of_place.front();
 }
 
-TEST(driver_interface_test, the_mock_and_the_stub_implement_every_operation)
+TEST(driver_interface_test, the_mock_and_the_neutral_driver_implement_every_operation)
 {
     // Both would be abstract if they missed one.
     ::testing::StrictMock<mock_driver> mock;
-    const stub_driver stub;
-    const driver_interface& base = stub;
+    const neutral_driver neutral;
+    const driver_interface& base = neutral;
     EXPECT_EQ(base.get_max_radios(), 0);
     EXPECT_EQ(base.get_mac(), nullptr);
 }

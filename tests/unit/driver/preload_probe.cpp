@@ -10,7 +10,7 @@
 #include <cstdio>
 
 #include "driver/ioctl_ops.h"
-#include "stub_driver.h"
+#include "neutral_driver.h"
 
 int main(int argc, char** argv)
 {
@@ -18,7 +18,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: vrtl_preload_probe IFNAME\n");
         return 2;
     }
-    const stub_driver driver;
+    const neutral_driver driver;
     ioctl_ops ops(driver, argv[1]);
     uint32_t chanspec = 0;
     const int mib_result = ops.get_mib("chanspec", &chanspec);

@@ -1,8 +1,8 @@
 // A driver that knows nothing: every query answers zero, false or null and every action does
 // nothing. For programs that need a driver_interface to exist but never ask it anything that
 // matters (the preload probe, the fuzz target).
-#ifndef ORVD_TESTS_UNIT_DRIVER_STUB_DRIVER_H
-#define ORVD_TESTS_UNIT_DRIVER_STUB_DRIVER_H
+#ifndef ORVD_TESTS_UNIT_DRIVER_NEUTRAL_DRIVER_H
+#define ORVD_TESTS_UNIT_DRIVER_NEUTRAL_DRIVER_H
 
 #include <functional>
 #include <set>
@@ -10,7 +10,7 @@
 
 #include "driver/driver_interface.h"
 
-class stub_driver final : public driver_interface {
+class neutral_driver final : public driver_interface {
 public:
     bool get_obss_coex(char const*) const override { return false; }
     rrm_band_t chanspec_band(unsigned) const override { return RRM_BAND_UNKNOWN; }
