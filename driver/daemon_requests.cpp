@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "core/trace.h"
+#include "driver/config_values.h"
 #include "msgbus.h"
 
 namespace {
@@ -120,15 +121,7 @@ int daemon_requests::configd_get(const std::string& path, std::string& value) co
         return -1;
     }
     // configd's "status" is not consulted: whatever "value" it sends is the answer.
-    const cfg_t* found = cfg_get_param(reply.get(), "value");
-    if (cfg_get_type(found) == CFG_TYPE_VALUE) {
-        const char* text = cfg_get_value(found);
-        value = text != nullptr ? text : "";
-    } else {
-        char* text = cfg_serialize(found);
-        value = text != nullptr ? text : "";
-        std::free(text);
-    }
+    value = config_values::reply_value(reply.get());
     trace.debug("get-response successfully received\n");
     return 0;
 }

@@ -17,7 +17,7 @@ class daemon_requests {
 public:
     using param_list = std::vector<std::pair<std::string, std::string>>;
 
-    // How long one exchange waits for its reply, in MSGBUS_WAIT_UNIT_MS units (200 ms).
+    // How long one exchange waits for its reply, in MSGBUS_WAIT_UNIT_MS units (100 ms).
     static constexpr int reply_timeout_units = 20;
 
     // Sends `request` to `module` and waits for the reply whose "command" is `reply_command`.

@@ -1,34 +1,26 @@
 // Configuration values read through configd, and what the driver derives from them.
-#include <cstdlib>
-#include <cstring>
-
 #include "core/trace.h"
+#include "driver/config_values.h"
 #include "driver/driver_realtek.h"
 #include "driver/ioctl_ops.h"
 
 namespace {
 
-constexpr unsigned bandwidth_20 = 0x1000;
-constexpr unsigned bandwidth_40 = 0x1800;
-constexpr unsigned bandwidth_80 = 0x2000;
-constexpr size_t ssid_limit = 129;
+using config_values::bandwidth_20;
 
 std::optional<std::string> identity(const interface_context*, const std::string&, const std::string& value)
 {
     return value;
 }
 
-std::optional<std::string> first_129(const interface_context*, const std::string&, const std::string& value)
+std::optional<std::string> ssid_text(const interface_context*, const std::string&, const std::string& value)
 {
-    return value.substr(0, ssid_limit);
+    return config_values::ssid(value);
 }
 
-// "WPA_" marks the mixed WPA/WPA2 modes, which are not WPA2/3.
 std::optional<bool> wpa23(const interface_context*, const std::string&, const std::string& value)
 {
-    if (value.find("WPA_") != std::string::npos)
-        return false;
-    return value.find("WPA2") != std::string::npos || value.find("WPA3") != std::string::npos;
+    return config_values::is_wpa23(value);
 }
 
 const char* radio_name(const interface_context* radio, const std::string& ifname)
@@ -39,44 +31,27 @@ const char* radio_name(const interface_context* radio, const std::string& ifname
 std::optional<unsigned> bandwidth_bits(const interface_context* radio, const std::string& ifname,
                                        const std::string& value)
 {
-    switch (atoi(value.c_str())) {
-    case 20:
-        return bandwidth_20;
-    case 40:
-        return bandwidth_40;
-    case 80:
-        return bandwidth_80;
-    default:
+    const std::optional<unsigned> bits = config_values::bandwidth_bits(value);
+    if (!bits)
         trace.warn("<%s:%d> cannot handle bandwidth of the %s interface(value == %s)\n",
                    "get_config_bandwidth_cb", __LINE__, radio_name(radio, ifname), value.c_str());
-        return std::nullopt;
-    }
+    return bits;
 }
 
-// The configured sideband never sets sideband bits: both names map to 0.
 std::optional<unsigned> sideband_bits(const interface_context* radio, const std::string& ifname,
                                       const std::string& value)
 {
-    if (value == "lower" || value == "upper")
-        return 0u;
-    trace.warn("<%s:%d> cannot handle control sideband of the %s interface(value == %s)\n",
-               "get_config_primary_cb", __LINE__, radio_name(radio, ifname), value.c_str());
-    return std::nullopt;
+    const std::optional<unsigned> bits = config_values::sideband_bits(value);
+    if (!bits)
+        trace.warn("<%s:%d> cannot handle control sideband of the %s interface(value == %s)\n",
+                   "get_config_primary_cb", __LINE__, radio_name(radio, ifname), value.c_str());
+    return bits;
 }
 
-// Space-separated channel numbers; a token that is not a number counts as 0.
 std::optional<std::set<unsigned>> parse_channel_list(const interface_context*, const std::string&,
                                                      const std::string& value)
 {
-    if (value.empty())
-        return std::nullopt;
-    std::set<unsigned> channels;
-    std::string copy = value;
-    char* saved = nullptr;
-    for (char* token = strtok_r(&copy[0], " ", &saved); token != nullptr;
-         token = strtok_r(nullptr, " ", &saved))
-        channels.insert(static_cast<unsigned>(atoi(token)));
-    return channels;
+    return config_values::channel_list(value);
 }
 
 }  // namespace
@@ -165,29 +140,31 @@ std::string driver_realtek::get_ssid(const std::string& name) const
 {
     if (!usable() || name.empty())
         return "";
-    return getconf_vap<std::string>(name, "ssid", first_129).value_or("");
+    return getconf_vap<std::string>(name, "ssid", ssid_text).value_or("");
 }
 
 bool driver_realtek::get_captive_portal_state(const std::string& name) const
 {
     if (!usable() || name.empty())
         return false;
-    return getconf_vap<std::string>(name, "captive-portal/enabled", identity).value_or("") == "true";
+    return config_values::is_true(
+        getconf_vap<std::string>(name, "captive-portal/enabled", identity).value_or(""));
 }
 
 bool driver_realtek::get_802dot11k_vap(const std::string& name) const
 {
     if (!usable() || name.empty())
         return false;
-    return getconf_vap<std::string>(name, "w80211kv-config/enabled", identity).value_or("") == "true";
+    return config_values::is_true(
+        getconf_vap<std::string>(name, "w80211kv-config/enabled", identity).value_or(""));
 }
 
 bool driver_realtek::get_enterprise_vap(const std::string& name) const
 {
     if (!usable() || name.empty())
         return false;
-    return getconf_vap<std::string>(name, "security-mode", identity).value_or("").find("1X") !=
-           std::string::npos;
+    return config_values::is_enterprise(
+        getconf_vap<std::string>(name, "security-mode", identity).value_or(""));
 }
 
 bool driver_realtek::is_wpa23_vap(const std::string& name) const
@@ -201,7 +178,7 @@ bool driver_realtek::is_fbt_enabled(int radio, int vap) const
         return false;
     const std::string name = fill_vap_name(radio, vap);
     const auto enabled = getconf_vap<std::string>(name, "ft-config/enabled", identity);
-    if (!enabled || *enabled != "true")
+    if (!enabled || !config_values::is_true(*enabled))
         return false;
     return is_wpa23_vap(name);
 }
@@ -234,7 +211,8 @@ void driver_realtek::fill_chanspecs(char const* ifname, std::string& out) const
     ioctl_ops ops(*this, ifname);
     if (ops.get_available_channels(channels) != 0)
         return;
-    if (getconf_radio<std::string>(ifname, "use-limit-channels", identity).value_or("") == "true") {
+    if (config_values::is_true(
+            getconf_radio<std::string>(ifname, "use-limit-channels", identity).value_or(""))) {
         // The configured list replaces the driver's entirely.
         if (auto limited = getconf_radio<std::set<unsigned>>(ifname, "limit-channels", parse_channel_list))
             channels = *limited;

@@ -7,6 +7,7 @@
 
 #include "core/trace.h"
 #include "device_root.h"
+#include "driver/config_values.h"
 #include "driver/driver_realtek.h"
 #include "driver/ioctl_ops.h"
 #include "libvalidator.h"
@@ -205,19 +206,7 @@ std::string driver_realtek::get_from_driver(const std::string& ifname, const cha
         fclose(file);
         return "";
     }
-    std::string value;
-    char line[512];
-    while (fgets(line, sizeof(line), file) != nullptr) {
-        line[strcspn(line, "\r\n")] = '\0';
-        if (strstr(line, key) == nullptr)
-            continue;
-        regmatch_t match;
-        if (regexec(&expression, line, 1, &match, 0) == 0) {
-            // The text after ": ".
-            value.assign(line + match.rm_so + 2, line + match.rm_eo);
-            break;
-        }
-    }
+    const std::string value = config_values::procfs_value(file, key, expression);
     regfree(&expression);
     fclose(file);
     trace.debug("<%s:%d> %s == %s\n", "get_from_driver", __LINE__, key, value.c_str());
@@ -228,6 +217,5 @@ bool driver_realtek::get_obss_coex(char const* ifname) const
 {
     if (ifname == nullptr)
         return false;
-    const std::string coexist = get_from_driver(ifname, "coexist");
-    return !coexist.empty() && atoi(coexist.c_str()) != 0;
+    return config_values::coexist_on(get_from_driver(ifname, "coexist"));
 }

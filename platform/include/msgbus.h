@@ -61,8 +61,12 @@ message_s* GetMsgFromQueueNoWait(void);
 /* Waits for a reply whose configuration-tree text has "command" equal to `command`; other
  * messages received meanwhile are dropped. `timeout` counts units of MSGBUS_WAIT_UNIT_MS.
  * Returns the parsed reply (release with cfg_release), or null after writing `error_text`
- * to the log at error level when the time runs out. */
-#define MSGBUS_WAIT_UNIT_MS 10
+ * to the log at error level when the time runs out.
+ * The unit is sized for the driver's longest burst of exchanges: the snapshot of a full
+ * access point reads about 60 values from configd at 20 units each, and against a configd
+ * that never answers that burst must end well inside a worker's 10-second clock guard
+ * (60 x 100 ms = 6 s). A peer that answers does so in milliseconds. */
+#define MSGBUS_WAIT_UNIT_MS 5
 cfg_t* wait_answer(const char* command, const char* error_text, int timeout);
 
 #ifdef __cplusplus

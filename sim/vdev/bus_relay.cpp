@@ -78,6 +78,8 @@ void pass_on(const message_s& message, const char* name)
     relay_frame reply;
     if (!write_frame(relay_fd, request) || !read_frame(relay_fd, &reply, stop_requested))
         return;
+    if (reply.kind == frame_kind::silence)
+        return;
     if (message.source == 0) {
         std::fprintf(stderr, "orvd-vdev %s: a request from an unregistered sender cannot be answered\n",
                      name);

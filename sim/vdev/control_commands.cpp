@@ -6,8 +6,8 @@
 namespace {
 
 const char* const help_text =
-    "commands: hostapd start|stop|restart, widsd start|stop|restart, config-updated, "
-    "timezone-changed, state, quit";
+    "commands: hostapd start|stop|restart, widsd start|stop|restart, configd mute|unmute, "
+    "networkd mute|unmute, config-updated, timezone-changed, state, quit";
 
 std::vector<std::string> words_of(const std::string& line)
 {
@@ -35,6 +35,14 @@ std::string service_command(const std::string& service, const std::string& actio
     return "error " + service + " takes start, stop or restart";
 }
 
+std::string daemon_command(bus_role role, const std::string& action, daemon_voices& voices)
+{
+    if (action != "mute" && action != "unmute")
+        return std::string("error ") + name_of(role) + " takes mute or unmute";
+    voices.set_muted(role, action == "mute");
+    return "ok";
+}
+
 std::string state_of(control_context* context)
 {
     json_ptr state(json_object_new_object());
@@ -44,6 +52,10 @@ std::string state_of(control_context* context)
         json_object_object_add(services, service,
                                json_object_new_boolean(context->services.running(service)));
     json_object_object_add(state.get(), "services", services);
+    json_object* muted = json_object_new_object();
+    for (bus_role role : {bus_role::configd, bus_role::networkd})
+        json_object_object_add(muted, name_of(role), json_object_new_boolean(context->voices.muted(role)));
+    json_object_object_add(state.get(), "muted", muted);
     return "ok " + json_text(state.get());
 }
 
@@ -58,6 +70,9 @@ std::string run_control_command(const std::string& line, control_context* contex
     std::string error;
     if (service_player::known(command) && words.size() == 2)
         return service_command(command, words[1], context->services);
+    bus_role role;
+    if (role_named(command, &role) && words.size() == 2)
+        return daemon_command(role, words[1], context->voices);
     if (words.size() != 1)
         return "error unknown command: " + line + " (" + help_text + ")";
     if (command == "config-updated")

@@ -5,12 +5,14 @@
 
 #include <string>
 
+#include "requests.h"
 #include "services.h"
 #include "virtual_device.h"
 
 struct control_context {
     virtual_device& device;
     service_player& services;
+    daemon_voices& voices;
     bool quit = false;  // set by "quit"
 };
 

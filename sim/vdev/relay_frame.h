@@ -11,6 +11,7 @@ enum class frame_kind : uint8_t {
     failed = 2,   // relay → simulator: could not register; the payload says why
     request = 3,  // relay → simulator: a message from `module`
     reply = 4,    // simulator → relay: the answer to the last request
+    silence = 5,  // simulator → relay: the last request goes unanswered (a muted daemon)
 };
 
 struct relay_frame {

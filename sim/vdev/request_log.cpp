@@ -68,13 +68,24 @@ bool request_log::open(std::string* error)
 void request_log::record(const char* role, int module, int source, std::string_view request,
                          std::string_view reply)
 {
+    write_line(role, module, source, request, as_logged(reply));
+}
+
+void request_log::record_unanswered(const char* role, int module, int source, std::string_view request)
+{
+    write_line(role, module, source, request, nullptr);
+}
+
+void request_log::write_line(const char* role, int module, int source, std::string_view request,
+                             json_object* reply)
+{
     json_ptr line(json_object_new_object());
     json_object_object_add(line.get(), "time", json_object_new_string(utc_now().c_str()));
     json_object_object_add(line.get(), "as", json_object_new_string(role));
     json_object_object_add(line.get(), "module", json_object_new_int(module));
     json_object_object_add(line.get(), "source", json_object_new_int(source));
     json_object_object_add(line.get(), "request", as_logged(request));
-    json_object_object_add(line.get(), "reply", as_logged(reply));
+    json_object_object_add(line.get(), "reply", reply);  // null: no reply was sent
     const std::string text = json_text(line.get()) + "\n";
     size_t done = 0;
     while (fd >= 0 && done < text.size()) {

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+struct json_object;
+
 class request_log {
 public:
     request_log() = default;
@@ -19,10 +21,14 @@ public:
     // {"time", "as", "module", "source", "request", "reply"}: the request and the reply as JSON
     // objects, or as their escaped text when they are not JSON.
     void record(const char* role, int module, int source, std::string_view request, std::string_view reply);
+    // The same line for a request a muted daemon left unanswered: "reply" is null.
+    void record_unanswered(const char* role, int module, int source, std::string_view request);
 
     static std::string path();
 
 private:
+    void write_line(const char* role, int module, int source, std::string_view request, json_object* reply);
+
     int fd = -1;
 };
 

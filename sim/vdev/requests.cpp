@@ -136,6 +136,17 @@ const char* name_of(bus_role role)
     return role == bus_role::configd ? "configd" : "networkd";
 }
 
+bool role_named(const std::string& name, bus_role* role)
+{
+    for (bus_role candidate : {bus_role::configd, bus_role::networkd}) {
+        if (name == name_of(candidate)) {
+            *role = candidate;
+            return true;
+        }
+    }
+    return false;
+}
+
 std::string answer_request(virtual_device& device, bus_role role, std::string_view payload)
 {
     cfg_ptr request;

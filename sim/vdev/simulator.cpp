@@ -64,6 +64,7 @@ private:
     service_player& services;
     request_log& log;
     control_server& control;
+    daemon_voices voices;
     relay_process relays[2];
     bool stopping = false;
     bool announced = false;
@@ -80,7 +81,7 @@ int simulator::run(int signal_fd)
         }
     }
     const steady::time_point started = steady::now();
-    control_context context{device, services};
+    control_context context{device, services, voices};
     const control_server::command_runner run_command = [&context](const std::string& line) {
         return run_control_command(line, &context);
     };
@@ -181,16 +182,24 @@ void simulator::handle_frame(relay_process& relay, const relay_frame& frame)
         return;
     case frame_kind::request: {
         relay_frame reply;
-        reply.kind = frame_kind::reply;
         reply.module = frame.module;
-        reply.payload = answer_request(device, relay.role, frame.payload);
-        // Logged before it is sent: whoever has the reply finds the line already written.
-        log.record(name_of(relay.role), module_of(relay.role), frame.module, frame.payload, reply.payload);
+        if (voices.muted(relay.role)) {
+            // Not acted on either: a hung daemon changes nothing.
+            reply.kind = frame_kind::silence;
+            log.record_unanswered(name_of(relay.role), module_of(relay.role), frame.module, frame.payload);
+        } else {
+            reply.kind = frame_kind::reply;
+            reply.payload = answer_request(device, relay.role, frame.payload);
+            // Logged before it is sent: whoever has the reply finds the line already written.
+            log.record(name_of(relay.role), module_of(relay.role), frame.module, frame.payload,
+                       reply.payload);
+        }
         if (!write_frame(relay.fd, reply))
             fail(std::string("the ") + name_of(relay.role) + " relay does not listen");
         return;
     }
     case frame_kind::reply:
+    case frame_kind::silence:
         break;
     }
     fail(std::string("the ") + name_of(relay.role) + " relay sent nonsense");

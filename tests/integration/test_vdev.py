@@ -2,7 +2,9 @@
 configd and networkd, its request log, hostapd and widsd, and its end."""
 import json
 import os
+import queue
 import signal
+import time
 
 import pytest
 
@@ -259,6 +261,80 @@ def test_every_request_served_is_in_the_request_log(vdev, configd, make_bus_peer
     assert log[1]["reply"]["reason"] == "not found"
     assert log[2]["request"]["params"] == {"tx-power": "12"}
     assert all(line["time"].endswith("Z") for line in log)
+
+
+# -- muted daemons ---------------------------------------------------------------------------
+
+
+def served_lines(vdev, count, timeout=5):
+    """The request log once it holds at least `count` lines (the simulator writes a line as it
+    takes the request, which for a muted daemon is the only trace it leaves)."""
+    deadline = time.monotonic() + timeout
+    while True:
+        log = vdev.requests()
+        if len(log) >= count or time.monotonic() > deadline:
+            return log
+        time.sleep(0.02)
+
+
+def no_message_within(peer, seconds):
+    try:
+        message = peer.receive(timeout=seconds)
+    except queue.Empty:
+        return True
+    raise AssertionError(f"unexpected bus message {message!r}")
+
+
+def test_a_muted_configd_logs_each_request_with_a_null_reply_and_answers_again_once_unmuted(vdev, configd):
+    assert vdev.ctl("configd", "mute").returncode == 0
+    assert vdev.state()["muted"] == {"configd": True, "networkd": False}
+    path = "/interface/wlan0-va0/vap/ssid"
+    configd.send(json.dumps({"command": "get", "path": path}).encode())
+    log = served_lines(vdev, 1)
+    assert [(line["as"], line["request"]["path"], line["reply"]) for line in log] == [("configd", path, None)]
+    assert no_message_within(configd, 0.5)
+
+    assert vdev.ctl("configd", "unmute").returncode == 0
+    assert vdev.state()["muted"] == {"configd": False, "networkd": False}
+    reply = ask(configd, {"command": "get", "path": path})
+    assert reply == {"command": "get-response", "status": "ok", "value": "Orion-Corp"}
+    assert configd.drain() == []  # the muted request is never answered late
+    assert [line["reply"] for line in vdev.requests()] == [None, reply]
+
+
+def test_a_muted_networkd_neither_answers_nor_applies_an_update_while_configd_still_answers(
+    vdev, networkd, make_bus_peer
+):
+    assert vdev.ctl("networkd", "mute").returncode == 0
+    networkd.send(
+        json.dumps({"command": "update-quillon", "ifname": "wlan0", "params": {"tx-power": "14"}}).encode()
+    )
+    log = served_lines(vdev, 1)
+    assert [(line["as"], line["reply"]) for line in log] == [("networkd", None)]
+    assert no_message_within(networkd, 0.5)
+    assert vdev.radio_state("wlan0")["actual_tx_power"] == 17
+    assert vdev.state()["radios"]["wlan0"]["settings"]["tx-power"] == "17"
+
+    configd = make_bus_peer(module=RRM + 1, to=CONFIGD)
+    reply = ask(configd, {"command": "get", "path": "/interface/wlan0/wlan/radio-2g/tx-power"})
+    assert reply["value"] == "17"
+
+    assert vdev.ctl("networkd", "unmute").returncode == 0
+    reply = ask(networkd, {"command": "update-quillon", "ifname": "wlan0", "params": {"tx-power": "14"}})
+    assert reply == {"command": "update-quillon-response", "status": "ok"}
+    assert vdev.radio_state("wlan0")["actual_tx_power"] == 14
+
+
+def test_muting_twice_is_harmless_and_a_daemon_takes_only_mute_or_unmute(vdev):
+    for words in (("configd", "mute"), ("configd", "mute"), ("networkd", "unmute")):
+        assert vdev.ctl(*words).returncode == 0
+    assert vdev.state()["muted"] == {"configd": True, "networkd": False}
+    result = vdev.ctl("networkd", "shout")
+    assert result.returncode == 1
+    assert b"networkd takes mute or unmute" in result.stderr
+    assert vdev.ctl("configd").returncode == 1
+    help_text = vdev.ctl("help").stdout.decode()
+    assert "configd mute|unmute" in help_text and "networkd mute|unmute" in help_text
 
 
 # -- hostapd, widsd and the notify markers ----------------------------------------------------

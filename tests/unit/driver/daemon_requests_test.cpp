@@ -37,6 +37,13 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 
+// How long one exchange waits for a reply that does not come.
+constexpr long long exchange_timeout_ms =
+    static_cast<long long>(daemon_requests::reply_timeout_units) * MSGBUS_WAIT_UNIT_MS;
+// The wait ends on a condition variable's deadline, which a loaded machine may pass a little
+// late but never early; this allows for the clock's rounding to whole milliseconds.
+constexpr long long timeout_rounding_ms = 5;
+
 long long elapsed_ms(clock_type::time_point since)
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() - since).count();
@@ -281,8 +288,8 @@ TEST_F(daemon_requests_test, a_reply_with_another_command_is_ignored_until_the_t
     const auto start = clock_type::now();
     EXPECT_EQ(requests.update_quillon("wlan0", {{"tx-power", "14"}}), -1);
     const long long took = elapsed_ms(start);
-    EXPECT_GE(took, 195);
-    EXPECT_LT(took, 1000);
+    EXPECT_GE(took, exchange_timeout_ms - timeout_rounding_ms);
+    EXPECT_LT(took, exchange_timeout_ms + 800);
     EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 1), std::vector<std::string>{tx_power_request});
     EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: can't update Quillon params\n"));
     EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: no response (update_quillon)\n"));
@@ -489,8 +496,8 @@ TEST_F(daemon_requests_test, a_silent_networkd_stops_the_vap_resets_at_the_first
     const auto start = clock_type::now();
     EXPECT_EQ(requests.reset_quillon_fbt_all(7), -1);
     const long long took = elapsed_ms(start);
-    EXPECT_GE(took, 195);
-    EXPECT_LT(took, 390);  // one time-out, not two
+    EXPECT_GE(took, exchange_timeout_ms - timeout_rounding_ms);
+    EXPECT_LT(took, exchange_timeout_ms + 300);  // one time-out: the one request below shows it
     EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: can't reset Quillon params\n"));
     EXPECT_TRUE(logged(VLR_LOG_ERROR, "Error: no response (__reset_quillon_fbt)\n"));
     EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 1),
@@ -590,8 +597,8 @@ TEST_F(daemon_requests_test, silent_daemons_end_every_exchange_by_its_time_out)
         const auto start = clock_type::now();
         EXPECT_EQ(exchange.run(), -1);
         const long long took = elapsed_ms(start);
-        EXPECT_GE(took, 195 * exchange.timeouts);
-        EXPECT_LT(took, 200 * exchange.timeouts + 300);
+        EXPECT_GE(took, (exchange_timeout_ms - timeout_rounding_ms) * exchange.timeouts);
+        EXPECT_LT(took, exchange_timeout_ms * exchange.timeouts + 300);
         for (const auto& line : exchange.error_lines)
             EXPECT_TRUE(logged(VLR_LOG_ERROR, line)) << line;
         EXPECT_EQ(times_logged(exchange.error_lines[0]), static_cast<size_t>(exchange.timeouts));

@@ -2,71 +2,60 @@
 // networkd and configd on the bus and writes the radio state that vrtl, linked into this
 // program, serves through the real ioctl() path.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
-#include <vector>
 
-#include "core/trace.h"
-#include "core/websock_cfg.h"
 #include "driver/driver_realtek.h"
 #include "log_capture.h"
+#include "vdev_fixture.h"
 
 namespace {
 
-class driver_realtek_vdev_test : public ::testing::Test {
+class driver_realtek_vdev_test : public driver_test::vdev_fixture {
 protected:
     void SetUp() override
     {
-        char pattern[] = "/tmp/orvd-driver-vdev-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root = pattern;
-        setenv("ORVD_ROOT", root.c_str(), 1);
-        int out[2];
-        ASSERT_EQ(pipe(out), 0);
-        simulator = fork();
-        ASSERT_GE(simulator, 0);
-        if (simulator == 0) {
-            dup2(out[1], STDOUT_FILENO);
-            close(out[0]);
-            execl(ORVD_VDEV_PROGRAM, ORVD_VDEV_PROGRAM, "--root", root.c_str(), "--scenario",
-                  ORVD_VDEV_SCENARIO, static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(out[1]);
-        FILE* stream = fdopen(out[0], "r");
-        char line[256];
-        bool ready = false;
-        while (!ready && fgets(line, sizeof(line), stream) != nullptr)
-            ready = std::string(line).find("orvd-vdev: ready") != std::string::npos;
-        fclose(stream);
-        ASSERT_TRUE(ready) << "orvd-vdev did not start";
-        orvd_log_level = 15;
-        trace.set_log_level(15);
+        ASSERT_TRUE(start_vdev(driver_test::default_scenario()));
+        enable_logs();
     }
-
-    void TearDown() override
-    {
-        trace.set_log_level(0);
-        orvd_log_level = 0;
-        if (simulator > 0) {
-            kill(simulator, SIGTERM);
-            waitpid(simulator, nullptr, 0);
-        }
-        const std::string command = "rm -rf '" + root + "'";
-        EXPECT_EQ(system(command.c_str()), 0);
-        unsetenv("ORVD_ROOT");
-    }
-
-    std::string root;
-    pid_t simulator = -1;
-    volatile bool run = true;
 };
+
+using driver_vdev_fixture_test = driver_test::vdev_fixture;
+
+TEST_F(driver_vdev_fixture_test, a_scenario_that_does_not_hold_fails_with_the_simulators_own_message)
+{
+    const std::string scenario = driver_test::scenario_json({driver_test::radio_json(
+        0, 2, {driver_test::vap_json("Orion-Corp", R"({"stations": [{"mac": "f0:18:98:3c:21:4a",
+                                                                      "rssi": [-48, -51]}]})")})});
+    const ::testing::AssertionResult started = start_vdev(scenario);
+    ASSERT_FALSE(started);
+    EXPECT_NE(std::string(started.message()).find("exit status 2"), std::string::npos) << started.message();
+    EXPECT_NE(std::string(started.message())
+                  .find("radios[0].vaps[0].stations[0].rssi: one reading per receive chain, four in all"),
+              std::string::npos)
+        << started.message();
+    EXPECT_FALSE(vdev.running());
+}
+
+TEST_F(driver_vdev_fixture_test, a_built_scenario_runs_and_its_requests_are_logged)
+{
+    ASSERT_TRUE(start_vdev(driver_test::scenario_json({driver_test::radio_json(
+        0, 2, {driver_test::vap_json("Lab-2G")}, R"({"settings": {"channel": "11"}})")})));
+    EXPECT_TRUE(device_path_exists("/sys/class/net/wlan0-va0/flags"));
+    EXPECT_FALSE(device_path_exists("/sys/class/net/wlan0-va1"));
+    EXPECT_FALSE(device_path_exists("/sys/class/net/wlan1"));
+    EXPECT_EQ(state_value("wlan0", "chanspec"), std::to_string(0x1000 | 11));
+
+    driver_realtek driver(run);
+    driver.set_vapcontext();
+    EXPECT_STREQ(driver.VapIdToSsid(0, 0), "Lab-2G");
+    EXPECT_EQ(times_read("/interface/wlan0-va0/vap/ssid"), 1u);
+    const std::vector<driver_test::served_request> requests = served();
+    ASSERT_FALSE(requests.empty());
+    EXPECT_EQ(requests.front().as, "configd");
+    EXPECT_EQ(requests.front().command, "get");
+}
 
 TEST_F(driver_realtek_vdev_test, the_snapshot_describes_the_scenario)
 {
@@ -144,16 +133,6 @@ TEST_F(driver_realtek_vdev_test, a_scan_reports_the_scenarios_neighbours)
     EXPECT_EQ(driver.fill_ap_table_vorna_rrm(table), 0);
     EXPECT_FALSE(table.empty());
     driver.stop(false);
-}
-
-TEST_F(driver_realtek_vdev_test, the_full_snapshot_takes_well_under_the_clock_guard)
-{
-    driver_realtek driver(run);
-    const auto started = std::chrono::steady_clock::now();
-    driver.set_vapcontext();
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    printf("set_vapcontext on the default scenario: %.3f s\n", seconds);
-    EXPECT_LT(seconds, 5.0);
 }
 
 }  // namespace

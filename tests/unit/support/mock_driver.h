@@ -1,7 +1,7 @@
 // A GoogleMock stand-in for any radio driver, for the agent's tests (use it as StrictMock or
 // NiceMock).
-#ifndef ORVD_TESTS_UNIT_DRIVER_MOCK_DRIVER_H
-#define ORVD_TESTS_UNIT_DRIVER_MOCK_DRIVER_H
+#ifndef ORVD_TESTS_UNIT_SUPPORT_MOCK_DRIVER_H
+#define ORVD_TESTS_UNIT_SUPPORT_MOCK_DRIVER_H
 
 #include <gmock/gmock.h>
 
