@@ -11,6 +11,8 @@
 #include "core/safe_queue.h"
 #include "core/trace.h"
 #include "core/websock_cfg.h"
+#include "driver/driver_realtek.h"
+#include "rrm/rrm_worker.h"
 #include "transport/ipc_worker.h"
 #include "transport/websock_worker.h"
 #include "vorna_log.h"
@@ -24,8 +26,8 @@ int run_wids_mode(const websock_cfg_t& config)
     const ws_service_cfg_t& service = config.services[WS_INSTANCE_ROAMING];
     safe_queue q1;
     safe_queue q2;
-    auto websock = std::make_unique<websock_worker>(q1, q2, service.host, service.path, service.port, wids_ws_run,
-                                                    service.initial_connection_delay,
+    auto websock = std::make_unique<websock_worker>(q1, q2, service.host, service.path, service.port,
+                                                    wids_ws_run, service.initial_connection_delay,
                                                     service.max_connection_delay, WS_SERVICE_ROAMING);
     auto ipc = std::make_unique<ipc_worker>(q1, q2, IPC_MODULE_WIDS_BRIDGE, wids_ipc_run);
     ipc->start();
@@ -37,12 +39,25 @@ int run_wids_mode(const websock_cfg_t& config)
     return 0;
 }
 
-// RRM mode: the agent drives the radios and talks to the RRM service.
-int run_rrm_mode(const websock_cfg_t&)
+// RRM mode: the agent drives the radios and talks to the RRM service. The agent gets the
+// WebSocket worker's queues swapped: it reads what the worker received (QB) and writes what
+// the worker sends (QA).
+int run_rrm_mode(const websock_cfg_t& config)
 {
-    safe_queue to_server;    // the agent's output
-    safe_queue from_server;  // the agent's input
-    trace.error("%s mode is not available in this build\n", "RRM");
+    const ws_service_cfg_t& service = config.services[WS_INSTANCE_QUILLON];
+    safe_queue qa;
+    safe_queue qb;
+    driver_interface& driver = make_driver(rrm_run);
+    auto websock = std::make_unique<websock_worker>(qa, qb, service.host, service.path, service.port,
+                                                    rrm_ws_run, service.initial_connection_delay,
+                                                    service.max_connection_delay, WS_SERVICE_RRM);
+    auto agent = std::make_unique<rrm_worker>(driver, qb, qa, rrm_run, service.ap_location);
+    websock->start();
+    agent->start();
+    agent->join();
+    websock->join();
+    agent.reset();
+    websock.reset();
     return 0;
 }
 

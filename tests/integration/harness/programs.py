@@ -22,16 +22,17 @@ def program(name):
 class Orvd:
     """orvd with a configuration file and a device root of its own; its log goes to a file."""
 
-    def __init__(self, workdir, root, config_lines):
+    def __init__(self, workdir, root, config_lines, environment=None):
         self.workdir = pathlib.Path(workdir)
         self.root = pathlib.Path(root)
         self.conf = self.workdir / "orvd.conf"
         self.conf.write_text("".join(line + "\n" for line in config_lines))
         self.log_path = self.workdir / "orvd.log"
+        self.environment = dict(environment or {})
         self.proc = None
 
     def start(self):
-        env = dict(os.environ, ORVD_ROOT=str(self.root))
+        env = dict(os.environ, ORVD_ROOT=str(self.root), **self.environment)
         self._log = open(self.log_path, "wb")
         self.proc = subprocess.Popen(
             [program("orvd"), "-f", str(self.conf)],
@@ -196,3 +197,34 @@ def wids_config(port, initial=0, maximum=0, log_level="0x0F", path="/wids"):
         f"max_connection_delay={maximum}",
         f"log_level={log_level}",
     ]
+
+
+def rrm_config(port, initial=0, maximum=0, log_level="0x07", path="/rrm", domain=None):
+    """A configuration file for RRM mode against a service on this machine."""
+    lines = [
+        f"quillon_service_url=ws://127.0.0.1:{port}{path}",
+        f"initial_connection_delay={initial}",
+        f"max_connection_delay={maximum}",
+        f"log_level={log_level}",
+    ]
+    if domain is not None:
+        lines.append(f"ap_location={domain}")
+    return lines
+
+
+def sanitizer_runtime(binary):
+    """The sanitizer runtime a build of the program is linked with ("" for a normal build): it
+    must come first in LD_PRELOAD."""
+    listing = subprocess.run(["ldd", binary], capture_output=True, text=True).stdout
+    for line in listing.splitlines():
+        name = line.strip().split(" ")[0]
+        if name.startswith(("libasan.so", "libtsan.so")) and "=>" in line:
+            return line.split("=>")[1].split("(")[0].strip()
+    return ""
+
+
+def vrtl_environment():
+    """LD_PRELOAD for running build/orvd against the emulated driver."""
+    runtime = sanitizer_runtime(program("orvd"))
+    vrtl = program("libvrtl.so")
+    return {"LD_PRELOAD": f"{runtime}:{vrtl}" if runtime else vrtl}
