@@ -19,7 +19,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <limits.h>
 #include <poll.h>
 #include <spawn.h>
@@ -30,6 +29,7 @@
 #include "core/websock_cfg.h"
 #include "log_capture.h"
 #include "msgbus.h"
+#include "temp_root.h"
 
 extern char** environ;
 
@@ -48,50 +48,6 @@ long long elapsed_ms(clock_type::time_point since)
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() - since).count();
 }
-
-int remove_entry(const char* path, const struct stat*, int, struct FTW*)
-{
-    ::remove(path);
-    return 0;
-}
-
-// A fresh directory that ORVD_ROOT points at while the object lives; ORVD_ROOT is put back
-// and the directory removed afterwards.
-class temp_root {
-public:
-    temp_root()
-    {
-        const char* previous = std::getenv("ORVD_ROOT");
-        had_previous = previous != nullptr;
-        if (had_previous)
-            previous_value = previous;
-        char pattern[] = "/tmp/orvd-driver-XXXXXX";
-        if (::mkdtemp(pattern) == nullptr) {
-            ADD_FAILURE() << "mkdtemp: " << std::strerror(errno);
-            return;
-        }
-        directory = pattern;
-        ::setenv("ORVD_ROOT", directory.c_str(), 1);
-    }
-    ~temp_root()
-    {
-        if (!directory.empty())
-            ::nftw(directory.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-        if (had_previous)
-            ::setenv("ORVD_ROOT", previous_value.c_str(), 1);
-        else
-            ::unsetenv("ORVD_ROOT");
-    }
-    temp_root(const temp_root&) = delete;
-    temp_root& operator=(const temp_root&) = delete;
-
-    const std::string& path() const { return directory; }
-
-private:
-    bool had_previous = false;
-    std::string previous_value;
-    std::string directory;
-};
 
 std::string responder_path()
 {

@@ -1,7 +1,6 @@
 #include "driver_test_support.h"
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -20,11 +19,6 @@ namespace driver_test {
 
 namespace {
 
-int remove_entry(const char* path, const struct stat*, int, struct FTW*)
-{
-    return std::remove(path);
-}
-
 std::string mac_of(size_t index, unsigned first)
 {
     char text[18];
@@ -35,28 +29,6 @@ std::string mac_of(size_t index, unsigned first)
 }
 
 }  // namespace
-
-temp_root::temp_root()
-{
-    if (const char* value = std::getenv("ORVD_ROOT")) {
-        had_root = true;
-        old_root = value;
-    }
-    char name[] = "/tmp/orvd-driver-XXXXXX";
-    if (mkdtemp(name) != nullptr)
-        directory = name;
-    setenv("ORVD_ROOT", directory.c_str(), 1);
-}
-
-temp_root::~temp_root()
-{
-    if (had_root)
-        setenv("ORVD_ROOT", old_root.c_str(), 1);
-    else
-        unsetenv("ORVD_ROOT");
-    if (!directory.empty())
-        nftw(directory.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-}
 
 uint32_t seen_request::u32_at(size_t offset) const
 {

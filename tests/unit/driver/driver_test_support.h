@@ -11,25 +11,12 @@
 
 #include "driver/vorna_command.h"
 #include "log_capture.h"
+#include "temp_root.h"
 
 namespace driver_test {
 
-// A fresh directory that ORVD_ROOT points at for the object's life; removed afterwards and
-// ORVD_ROOT put back as it was.
-class temp_root {
-public:
-    temp_root();
-    ~temp_root();
-    temp_root(const temp_root&) = delete;
-    temp_root& operator=(const temp_root&) = delete;
-
-    const std::string& path() const { return directory; }
-
-private:
-    bool had_root = false;
-    std::string old_root;
-    std::string directory;
-};
+// A private device root per test (shared with the other test programs).
+using ::temp_root;
 
 // One request as vrtl saw it, with a copy of the bytes it carried: the whole vendor command
 // block, the MIB text up to its length field, or the 2048-byte MIB read buffer.

@@ -11,7 +11,6 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <limits.h>
 #include <poll.h>
 #include <spawn.h>
@@ -22,57 +21,6 @@
 extern char** environ;
 
 namespace platform_test {
-
-namespace {
-
-int remove_entry(const char* path, const struct stat*, int, struct FTW*)
-{
-    ::remove(path);
-    return 0;
-}
-
-}  // namespace
-
-root_variable_restorer::root_variable_restorer()
-{
-    const char* previous = std::getenv("ORVD_ROOT");
-    was_set = previous != nullptr;
-    if (was_set)
-        value = previous;
-}
-
-root_variable_restorer::~root_variable_restorer()
-{
-    if (was_set)
-        ::setenv("ORVD_ROOT", value.c_str(), 1);
-    else
-        ::unsetenv("ORVD_ROOT");
-}
-
-temp_root::temp_root()
-{
-    char pattern[] = "/tmp/orvd-platform-XXXXXX";
-    char* made = ::mkdtemp(pattern);
-    if (made == nullptr) {
-        ADD_FAILURE() << "mkdtemp: " << std::strerror(errno);
-        return;
-    }
-    directory = made;
-    ::setenv("ORVD_ROOT", directory.c_str(), 1);
-}
-
-temp_root::~temp_root()
-{
-    if (!directory.empty())
-        ::nftw(directory.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
-void temp_root::use_subdirectory(const std::string& relative)
-{
-    std::string full = directory + "/" + relative;
-    make_directories(full);
-    ::setenv("ORVD_ROOT", full.c_str(), 1);
-}
 
 void make_directories(const std::string& path)
 {

@@ -14,41 +14,15 @@
 #include <vector>
 
 #include "cfg_tree.h"
+#include "temp_root.h"
 #include "msgbus.h"
 #include "vorna_log.h"
 
 namespace platform_test {
 
-// Puts ORVD_ROOT back as it was when the object was made.
-class root_variable_restorer {
-public:
-    root_variable_restorer();
-    ~root_variable_restorer();
-    root_variable_restorer(const root_variable_restorer&) = delete;
-    root_variable_restorer& operator=(const root_variable_restorer&) = delete;
-
-private:
-    bool was_set = false;
-    std::string value;
-};
-
-// A fresh directory that ORVD_ROOT points at for the object's life; removed with everything
-// below it afterwards.
-class temp_root {
-public:
-    temp_root();
-    ~temp_root();
-    temp_root(const temp_root&) = delete;
-    temp_root& operator=(const temp_root&) = delete;
-
-    const std::string& path() const { return directory; }
-    // Points ORVD_ROOT at a subdirectory (created) of this root instead.
-    void use_subdirectory(const std::string& relative);
-
-private:
-    root_variable_restorer restore_root;
-    std::string directory;
-};
+// A private device root per test (shared with the other test programs).
+using ::root_variable_restorer;
+using ::temp_root;
 
 void write_file(const std::string& path, const std::string& content);
 bool file_exists(const std::string& path);

@@ -40,6 +40,17 @@ const char* fake_chanspec_primary(unsigned chanspec)
     return (chanspec & 0x100) != 0 ? "upper" : "lower";
 }
 
+namespace {
+
+// As the factory library fills a field: NUL-padded, not terminated when the text fills it.
+void copy_field(char (&field)[32], const std::string& text)
+{
+    std::memset(field, 0, sizeof field);
+    std::memcpy(field, text.data(), std::min(text.size(), sizeof field));
+}
+
+}  // namespace
+
 rrm_fixture::rrm_fixture()
 {
     orvd_log_level = 15;
@@ -85,10 +96,10 @@ void rrm_fixture::allow_identity(const std::string& mac, const std::string& boar
 {
     base_mac = mac;
     std::memset(&factory, 0, sizeof factory);
-    std::strncpy(factory.board, board.c_str(), sizeof factory.board);
-    std::strncpy(factory.hw, hw.c_str(), sizeof factory.hw);
-    std::strncpy(factory.serial, serial.c_str(), sizeof factory.serial);
-    std::strncpy(factory.mac, mac.c_str(), sizeof factory.mac);
+    copy_field(factory.board, board);
+    copy_field(factory.hw, hw);
+    copy_field(factory.serial, serial);
+    copy_field(factory.mac, mac);
     EXPECT_CALL(driver, get_mac()).Times(AnyNumber()).WillRepeatedly(Return(base_mac.c_str()));
     EXPECT_CALL(driver, get_factory()).Times(AnyNumber()).WillRepeatedly(Return(&factory));
 }

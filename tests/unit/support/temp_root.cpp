@@ -25,12 +25,24 @@ void make_parents(const std::string& path)
 
 }  // namespace
 
+root_variable_restorer::root_variable_restorer()
+{
+    const char* previous = std::getenv("ORVD_ROOT");
+    was_set = previous != nullptr;
+    if (was_set)
+        value = previous;
+}
+
+root_variable_restorer::~root_variable_restorer()
+{
+    if (was_set)
+        setenv("ORVD_ROOT", value.c_str(), 1);
+    else
+        unsetenv("ORVD_ROOT");
+}
+
 temp_root::temp_root(const char* prefix)
 {
-    if (const char* value = std::getenv("ORVD_ROOT")) {
-        had_root = true;
-        old_root = value;
-    }
     std::string pattern = std::string("/tmp/") + prefix + "-XXXXXX";
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
@@ -41,10 +53,6 @@ temp_root::temp_root(const char* prefix)
 
 temp_root::~temp_root()
 {
-    if (had_root)
-        setenv("ORVD_ROOT", old_root.c_str(), 1);
-    else
-        unsetenv("ORVD_ROOT");
     if (!directory.empty())
         nftw(directory.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 }
@@ -56,6 +64,13 @@ bool temp_root::create(const std::string& absolute, const std::string& text) con
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text;
     return static_cast<bool>(out);
+}
+
+void temp_root::use_subdirectory(const std::string& relative)
+{
+    const std::string full = directory + "/" + relative + "/";
+    make_parents(full);
+    setenv("ORVD_ROOT", full.substr(0, full.size() - 1).c_str(), 1);
 }
 
 bool temp_root::exists(const std::string& absolute) const

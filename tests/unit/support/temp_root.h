@@ -5,6 +5,19 @@
 
 #include <string>
 
+// Puts ORVD_ROOT back, when it goes, as it was when it was made.
+class root_variable_restorer {
+public:
+    root_variable_restorer();
+    ~root_variable_restorer();
+    root_variable_restorer(const root_variable_restorer&) = delete;
+    root_variable_restorer& operator=(const root_variable_restorer&) = delete;
+
+private:
+    bool was_set = false;
+    std::string value;
+};
+
 class temp_root {
 public:
     explicit temp_root(const char* prefix = "orvd-test");
@@ -20,10 +33,11 @@ public:
     bool create(const std::string& absolute, const std::string& text = "") const;
     bool exists(const std::string& absolute) const;
     void remove(const std::string& absolute) const;
+    // Points ORVD_ROOT at a subdirectory (created) of this root instead.
+    void use_subdirectory(const std::string& relative);
 
 private:
-    bool had_root = false;
-    std::string old_root;
+    root_variable_restorer restore_root;
     std::string directory;
 };
 

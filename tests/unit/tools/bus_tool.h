@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <limits.h>
 #include <poll.h>
 #include <spawn.h>
@@ -24,6 +23,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "temp_root.h"
 
 extern char** environ;
 
@@ -57,51 +58,16 @@ inline bool file_exists(const std::string& path)
     return ::lstat(path.c_str(), &info) == 0;
 }
 
-inline int remove_entry(const char* path, const struct stat*, int, struct FTW*)
-{
-    ::remove(path);
-    return 0;
-}
-
-// A fresh device root that ORVD_ROOT names while the object lives, removed afterwards.
-class temp_root {
+// A fresh device root that ORVD_ROOT names while the object lives, removed afterwards, with
+// the socket path of each bus module below it.
+class bus_root : public ::temp_root {
 public:
-    temp_root()
-    {
-        if (const char* old = std::getenv("ORVD_ROOT")) {
-            had_previous = true;
-            previous = old;
-        }
-        char pattern[] = "/tmp/orvd-bus-test-XXXXXX";
-        if (::mkdtemp(pattern) == nullptr) {
-            ADD_FAILURE() << "mkdtemp: " << std::strerror(errno);
-            return;
-        }
-        root = pattern;
-        ::setenv("ORVD_ROOT", root.c_str(), 1);
-    }
-    ~temp_root()
-    {
-        if (had_previous)
-            ::setenv("ORVD_ROOT", previous.c_str(), 1);
-        else
-            ::unsetenv("ORVD_ROOT");
-        if (!root.empty())
-            ::nftw(root.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-    }
-    temp_root(const temp_root&) = delete;
-    temp_root& operator=(const temp_root&) = delete;
+    bus_root() : ::temp_root("orvd-bus-test") {}
 
-    const std::string& path() const { return root; }
     std::string module_socket(int module) const
     {
-        return root + "/run/msgbus/module-" + std::to_string(module);
+        return path() + "/run/msgbus/module-" + std::to_string(module);
     }
-
-private:
-    std::string root;
-    bool had_previous = false;
-    std::string previous;
 };
 
 inline std::string orvd_bus_path()

@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 using bus_test::bus_tool;
 using bus_test::eventually;
 using bus_test::file_exists;
-using bus_test::temp_root;
+using bus_test::bus_root;
 
 class orvd_bus_test : public ::testing::Test {
 protected:
@@ -45,7 +45,7 @@ protected:
 
     std::string socket(int module) const { return root.module_socket(module); }
 
-    temp_root root;
+    bus_root root;
     std::string output;
     std::string errors;
 };

@@ -24,7 +24,7 @@ using bus_test::elapsed_ms;
 using bus_test::eventually;
 using bus_test::file_exists;
 using bus_test::steady;
-using bus_test::temp_root;
+using bus_test::bus_root;
 
 // Runs one orvd-bus command to its end; its exit status.
 int run_bus_tool(const std::vector<std::string>& arguments)
@@ -136,7 +136,7 @@ protected:
     bool bus_has_module(int module) const { return file_exists(root.module_socket(module)); }
 
     // Declared first: ORVD_ROOT is set before anything touches the bus.
-    temp_root root;
+    bus_root root;
     safe_queue to_websock;
     safe_queue from_websock;
     volatile bool run = true;
