@@ -194,4 +194,23 @@ TEST_F(driver_realtek_channel_test, the_coexist_line_of_mib_11n_decides_obss_coe
     EXPECT_TRUE(driver.get_obss_coex("wlan0"));
 }
 
+TEST_F(driver_realtek_channel_test, a_power_change_asks_networkd_with_the_power_as_text)
+{
+    ASSERT_TRUE(start_vdev(scenario_json({radio_json(0, 2, {vap_json("Orion-Corp")}),
+                                          radio_json(1, 5, {vap_json("Orion-Corp-5G")})})));
+    driver_realtek driver(run);
+    driver.set_vapcontext();
+    EXPECT_EQ(driver.set_tx_power("wlan0", 14), 0);
+
+    std::vector<driver_test::served_request> updates;
+    for (const auto& request : served())
+        if (request.as == "networkd")
+            updates.push_back(request);
+    ASSERT_EQ(updates.size(), 1u);
+    EXPECT_EQ(updates[0].module, MSGBUS_MODULE_NETWORKD);
+    EXPECT_EQ(updates[0].request, R"({"command":"update-quillon","ifname":"wlan0","params":{"tx-power":"14"}})");
+    EXPECT_EQ(updates[0].reply, R"({"command":"update-quillon-response","status":"ok"})");
+    EXPECT_EQ(driver.get_tx_power("wlan0"), 14);
+}
+
 }  // namespace

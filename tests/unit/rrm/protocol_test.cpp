@@ -219,16 +219,19 @@ protected:
     bool scanning = false;
 };
 
-TEST_F(deferral_test, a_service_message_waits_for_the_scan_while_internal_notices_are_handled_at_once)
+TEST_F(deferral_test, an_rrm_update_during_a_scan_waits_while_disconnected_is_handled_at_once)
 {
     deliver(subscribe_success);
     ASSERT_TRUE(agent->subscribed);
 
     scanning = true;
-    EXPECT_EQ(process(R"({"version":"2.2","service":"rrm","cmd":"rrm-request-mode"})"), 1);
-    deliver(R"({"version":"2.2","service":"rrm","cmd":"rrm-request-mode"})");
+    const char update[] =
+        R"({"version":"2.2","service":"rrm","cmd":"rrm-update","rrm-scan-delay":5,"rrm-scan-channels":"1 6"})";
+    EXPECT_EQ(process(update), 1);
+    deliver(update);
     EXPECT_TRUE(log.contains("Pending message for delayed processing\n"));
-    EXPECT_TRUE(sent().empty());
+    EXPECT_FALSE(log.contains("process_rrm_update:\n"));
+    EXPECT_FALSE(is_armed(rrm_worker::TIMER_SCAN_DELAY));
 
     // "disconnected" arrives during the scan and is handled on the spot.
     EXPECT_CALL(driver, get_max_vap()).Times(AnyNumber()).WillRepeatedly(Return(7));
@@ -240,11 +243,18 @@ TEST_F(deferral_test, a_service_message_waits_for_the_scan_while_internal_notice
     EXPECT_TRUE(log.contains("Disconnected from RRM service - stop all scans and timers\n"));
     EXPECT_FALSE(log.contains("From pended\n"));
 
-    // Once the scan ended the waiting message is taken up.
+    // Still scanning: the update keeps waiting.
+    agent->execute();
+    EXPECT_FALSE(log.contains("From pended\n"));
+
+    // Once the scan ended the waiting update is taken up and its scan delay armed.
     scanning = false;
     agent->execute();
     EXPECT_TRUE(log.contains("From pended\n"));
-    EXPECT_EQ(commands(sent()), std::vector<std::string>{"rrm-mode-response"});
+    EXPECT_TRUE(log.contains("process_rrm_update:\n"));
+    EXPECT_EQ(delay_of(rrm_worker::TIMER_SCAN_DELAY), 5);
+    EXPECT_EQ(agent->scan_channels_24, (std::set<unsigned>{1, 6}));
+    EXPECT_TRUE(sent().empty());
 }
 
 TEST_F(deferral_test, a_new_message_is_served_before_an_older_deferred_one)
