@@ -212,8 +212,18 @@ bool virtual_device::update_fast_transition(const vap& entry, json_object* param
     json_ptr candidate = json_from_cfg(cfg_find(config_.get(), vap_settings_path(entry) + "/ft-config"));
     if (candidate == nullptr)
         candidate.reset(json_object_new_object());
-    if (!merge_plain(candidate.get(), params, reason))
+    // orvd sends its whole fast-transition document: the envelope ("version", "service") and
+    // an "ft-config" object whose members, the "mac" object of roaming peers among them, go
+    // over the VAP's. Plain parameters without that object are merged as for a radio.
+    json_object* document = json_member(params, "ft-config");
+    if (document != nullptr && json_object_is_type(document, json_type_object)) {
+        json_object_object_foreach(document, key, value)
+        {
+            json_object_object_add(candidate.get(), key, json_object_get(value));
+        }
+    } else if (!merge_plain(candidate.get(), params, reason)) {
         return false;
+    }
     if (!cfg_replace(config_.get(), vap_settings_path(entry), "ft-config", candidate.get())) {
         *reason = "cannot store the fast-transition settings of " + entry.name;
         return false;

@@ -244,6 +244,32 @@ def test_fast_transition_settings_are_kept_per_vap_until_reset(networkd, make_bu
     assert ask(configd, {"command": "get", "path": "/interface/wlan0-va1/vap/ft-config/enabled"})["value"] == "false"
 
 
+def test_the_daemons_fast_transition_document_goes_over_the_vaps_settings(networkd, make_bus_peer):
+    document = {
+        "version": "2.2",
+        "service": "fbt",
+        "ft-config": {
+            "enabled": "true",
+            "ft-over-ds": "false",
+            "reassociation-deadline": 1000,
+            "mobility-domain": 54202,
+            "r0-key-holder-id": "VX31B0012345",
+            "r1-key-holder-id": "A4:5E:60:00:10:11",
+            "mac": {"A4:5E:60:00:20:11": {"name": "A4:5E:60:00:20:11", "index": "0"}},
+        },
+    }
+    reply = ask(networkd, {"command": "update-quillon-fbt", "ifname": "wlan1-va1", "params": document})
+    assert reply == {"command": "update-quillon-fbt-response", "status": "ok"}
+    networkd.close()
+    configd = make_bus_peer(module=RRM, to=CONFIGD)
+    node = ask(configd, {"command": "get", "path": "/interface/wlan1-va1/vap/ft-config"})["value"]
+    settings = json.loads(node) if isinstance(node, str) else node
+    assert settings["mobility-domain"] in (54202, "54202")
+    assert settings["r1-key-holder-id"] == "A4:5E:60:00:10:11"
+    assert "A4:5E:60:00:20:11" in settings["mac"]
+    assert "version" not in settings and "service" not in settings
+
+
 def test_every_request_served_is_in_the_request_log(vdev, configd, make_bus_peer):
     ask(configd, {"command": "get", "path": "/interface/wlan0-va0/vap/security-mode"})
     ask(configd, {"command": "get", "path": "/nowhere"})
