@@ -64,3 +64,70 @@ def make_bus_peer(device_root):
     for peer in made:
         peer.close()
 
+
+
+# -- RRM mode end to end: orvd, orvd-vdev and the reference RRM service -----------------------
+
+
+@pytest.fixture
+def controller():
+    """The reference RRM service on a free port. After the test, every message orvd sent it
+    must have been valid protocol 2.2 (schema and key order)."""
+    from harness.rrm import RrmService, message_problems
+
+    service = RrmService().start()
+    yield service
+    try:
+        problems = message_problems(service)
+        assert not problems, "orvd sent messages that are not valid protocol 2.2:\n" + "\n".join(problems)
+    finally:
+        service.shutdown()
+
+
+@pytest.fixture
+def make_vdev(device_root):
+    """make_vdev(scenario=None) starts orvd-vdev on the device root; killed after the test."""
+    from harness.vdev import DEFAULT_SCENARIO, Vdev
+
+    made = []
+
+    def make(scenario=None):
+        device = Vdev(device_root, scenario or DEFAULT_SCENARIO).start()
+        made.append(device)
+        return device
+
+    yield make
+    for device in made:
+        device.kill()
+
+
+@pytest.fixture
+def make_ap(tmp_path, device_root, controller, make_vdev):
+    """make_ap(scenario=None, hostapd=True, **config) starts orvd-vdev (hostapd stopped first
+    when hostapd is False) and orvd in RRM mode against the controller; returns an
+    harness.rrm.AccessPoint. orvd is killed after the test, before the service checks what it
+    received."""
+    from harness.rrm import AccessPoint, start_orvd
+
+    made = []
+
+    def make(scenario=None, hostapd=True, **config):
+        vdev = make_vdev(scenario)
+        if not hostapd:
+            result = vdev.ctl("hostapd", "stop")
+            assert result.returncode == 0, result.stderr.decode()
+        orvd = start_orvd(tmp_path, device_root, controller, **config)
+        made.append(orvd)
+        return AccessPoint(controller, vdev, orvd)
+
+    yield make
+    for orvd in made:
+        orvd.kill()
+
+
+@pytest.fixture
+def subscribed_ap(make_ap):
+    """The default access point, hostapd running, subscribed with a plain success."""
+    ap = make_ap()
+    ap.subscribe()
+    return ap

@@ -1,0 +1,73 @@
+"""RRM mode end to end, subscription retries on their real timers (30 s and more, hence slow):
+a service that does not answer, one that answers without a status, one that is busy (503) and
+one that refuses. hostapd is stopped before orvd starts, so that each link carries exactly one
+request before any retry: the one sent once hostapd has started."""
+import time
+
+from harness.rrm import TIMEOUT
+
+# Timers count whole seconds and the agent's loop turns every 100 ms: an interval of N seconds
+# ends after a little more than N - 1 of them.
+SLACK = 1.5
+
+
+def start_hostapd(ap):
+    result = ap.vdev.ctl("hostapd", "start")
+    assert result.returncode == 0, result.stderr.decode()
+
+
+def test_a_request_without_an_answer_or_answered_without_a_status_is_repeated_after_30_s(make_ap):
+    ap = make_ap(hostapd=False)
+    ap.service.answer_subscribe("silent")
+    ap.conn = ap.service.wait_connection(timeout=TIMEOUT)
+    start_hostapd(ap)
+    first = ap.wait_for("subscribe-request")
+    # An answer without "status" is no answer: the retry timer keeps running.
+    ap.service.send("subscribe-response", {"code": 200, "domain": "not-taken"}, conn=ap.conn)
+    ap.service.answer_subscribe("success")
+
+    second = ap.wait_for("subscribe-request", n=2, timeout=30 + 30)
+    assert second.time - first.time >= 30 - SLACK
+    assert [r["status"] for r in second.message["radios"]] == [1, 1]
+    ap.service.wait_sent("subscribe-response", n=2, conn=ap.conn)
+    assert ap.round_trip()["domain"] == "default-rrm-domain"
+
+
+def test_a_busy_service_is_asked_again_after_60_s(make_ap):
+    ap = make_ap(hostapd=False)
+    ap.service.answer_subscribe("success")
+    ap.service.queue_subscribe_answers("busy")
+    ap.conn = ap.service.wait_connection(timeout=TIMEOUT)
+    start_hostapd(ap)
+    first = ap.wait_for("subscribe-request")
+    ap.orvd.wait_log("Reconnect after 60 sec", timeout=TIMEOUT)
+
+    second = ap.wait_for("subscribe-request", n=2, timeout=60 + 30)
+    assert second.time - first.time >= 60 - SLACK
+    ap.service.wait_sent("subscribe-response", n=2, conn=ap.conn)
+    assert all("assoclist" not in radio for radio in ap.round_trip()["radios"])
+    assert ap.count("subscribe-request") == 2
+
+
+def test_a_refusal_ends_the_requests_until_the_link_comes_up_again(make_ap):
+    ap = make_ap(hostapd=False)
+    ap.service.answer_subscribe("success")
+    ap.service.queue_subscribe_answers("refuse")
+    ap.conn = ap.service.wait_connection(timeout=TIMEOUT)
+    start_hostapd(ap)
+    ap.wait_for("subscribe-request")
+    ap.service.wait_sent("subscribe-response", conn=ap.conn)
+
+    # Past the 30 s a silent service would have waited, no request comes.
+    time.sleep(30 + 2 * SLACK)
+    assert ap.count("subscribe-request") == 1
+    assert ap.conn.closed is None
+
+    ap.service.stop()
+    ap.service.wait_closed(ap.conn, timeout=TIMEOUT)
+    ap.service.start()
+    ap.conn = ap.service.wait_connection(count=2, timeout=TIMEOUT)
+    request = ap.wait_for("subscribe-request").message
+    assert [r["status"] for r in request["radios"]] == [1, 1]
+    ap.service.wait_sent("subscribe-response", conn=ap.conn)
+    assert all("assoclist" not in radio for radio in ap.round_trip()["radios"])
