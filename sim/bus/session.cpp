@@ -1,5 +1,7 @@
 #include "session.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -56,7 +58,19 @@ bool bus_membership::join(int module, bool receive)
         return false;
     }
     joined = true;
-    if (receive && ModulePeerStart() != 0) {
+    // The bus library receives on a thread of its own. It must not take SIGTERM or SIGINT:
+    // a signal delivered there, while it waits in the kernel, may not run the handler until a
+    // message arrives (a sanitizer runtime defers it), and the main loop would never stop.
+    // The thread inherits the mask in force when it is made.
+    sigset_t stop_signals;
+    sigset_t previous;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGTERM);
+    sigaddset(&stop_signals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, &previous);
+    const int started = receive ? ModulePeerStart() : 0;
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (started != 0) {
         std::fprintf(stderr, "orvd-bus: cannot start receiving as module %d\n", module);
         leave();
         return false;
