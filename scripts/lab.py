@@ -1000,7 +1000,7 @@ class Lab:
         self.display.add(
             time.monotonic(), "lab",
             f"note: orvd addresses a VAP as base MAC + VAP id + 16 x radio id ({label} {vap}: {address}); "
-            f"orvd-vdev gave that VAP {actual.lower()} (base + 16 x radio + 1 + VAP id)",
+            f"its interface address is {actual.lower()} (the scenario sets it apart from that plan)",
         )
 
     def final_state(self):

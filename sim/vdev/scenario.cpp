@@ -7,7 +7,8 @@
 
 namespace {
 
-// Radio wlanN takes base + 16·N, its VAP i the addresses after it, as the factory assigns them.
+// Radio wlanN takes base + 16·N and its VAP i base + 16·N + i (VAP 0 shares the radio's address):
+// the BSSID and R1 key holder orvd derives for a VAP, so what peers are told matches the air.
 constexpr uint64_t radio_mac_stride = 16;
 constexpr int max_vaps_per_radio = 15;
 constexpr int chains = 4;
@@ -111,7 +112,7 @@ vap read_vap(json_object* object, const std::string& where, const radio& owner, 
     entry.up = json_bool_or(object, "up", where, true);
     entry.mac = json_member(object, "mac") != nullptr
                     ? mac_at(object, "mac", where)
-                    : mac_plus(base, radio_mac_stride * static_cast<uint64_t>(owner.number) + 1 +
+                    : mac_plus(base, radio_mac_stride * static_cast<uint64_t>(owner.number) +
                                          static_cast<uint64_t>(index));
     entry.settings = settings_at(object, where);
     if (json_object* list = json_array_or_null(object, "stations", where)) {

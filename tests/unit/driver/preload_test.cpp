@@ -132,12 +132,12 @@ TEST_F(preload_vdev_test, the_real_driver_sees_the_default_scenario_through_the_
     const run_result result = run_probe("--driver", {"ORVD_ROOT=" + root_path(), preload()});
     ASSERT_TRUE(WIFEXITED(result.status)) << result.output;
     EXPECT_EQ(WEXITSTATUS(result.status), 0);
-    // VAP addresses follow the base MAC a4:5e:60:00:10:00: radio N's VAP i is base + 16N + 1 + i.
+    // VAP addresses follow the base MAC a4:5e:60:00:10:00: radio N's VAP i is base + 16N + i.
     // Station readings are the scenario's dBm, which vrtl hands over as dBm + 100.
     EXPECT_EQ(result.output, "radio wlan0 enabled 1 band 2 channel 6 bandwidth 20 tx_power 17\n"
-                             "vap wlan0-va0 ssid Orion-Corp mac a4:5e:60:00:10:01 dot11k 1\n"
-                             "vap wlan0-va1 ssid Orion-Staff mac a4:5e:60:00:10:02 dot11k 1\n"
-                             "vap wlan0-va2 ssid Orion-Guest mac a4:5e:60:00:10:03 dot11k 0\n"
+                             "vap wlan0-va0 ssid Orion-Corp mac a4:5e:60:00:10:00 dot11k 1\n"
+                             "vap wlan0-va1 ssid Orion-Staff mac a4:5e:60:00:10:01 dot11k 1\n"
+                             "vap wlan0-va2 ssid Orion-Guest mac a4:5e:60:00:10:02 dot11k 0\n"
                              "station wlan0 f0:18:98:3c:21:4a Orion-Corp -48 -51 -55 -60\n"
                              "station wlan0 3c:a9:f4:12:7e:90 Orion-Corp -62 -64 -67 -71\n"
                              "station wlan0 8c:f5:a3:44:02:1d Orion-Corp -70 -72 -75 -78\n"
@@ -145,9 +145,9 @@ TEST_F(preload_vdev_test, the_real_driver_sees_the_default_scenario_through_the_
                              "station wlan0 a4:83:e7:5d:c8:31 Orion-Staff -44 -46 -50 -53\n"
                              "station wlan0 60:f2:62:0a:b3:5e Orion-Guest -67 -69 -73 -77\n"
                              "radio wlan1 enabled 1 band 5 channel 36 bandwidth 80 tx_power 20\n"
-                             "vap wlan1-va0 ssid Orion-Corp-5G mac a4:5e:60:00:10:11 dot11k 1\n"
-                             "vap wlan1-va1 ssid Orion-Secure mac a4:5e:60:00:10:12 dot11k 1\n"
-                             "vap wlan1-va2 ssid Orion-Legacy mac a4:5e:60:00:10:13 dot11k 0\n"
+                             "vap wlan1-va0 ssid Orion-Corp-5G mac a4:5e:60:00:10:10 dot11k 1\n"
+                             "vap wlan1-va1 ssid Orion-Secure mac a4:5e:60:00:10:11 dot11k 1\n"
+                             "vap wlan1-va2 ssid Orion-Legacy mac a4:5e:60:00:10:12 dot11k 0\n"
                              "station wlan1 f0:18:98:3c:21:4b Orion-Corp-5G -52 -54 -58 -63\n"
                              "station wlan1 3c:a9:f4:12:7e:91 Orion-Corp-5G -58 -61 -63 -68\n"
                              "station wlan1 b0:be:83:71:9a:c2 Orion-Corp-5G -41 -43 -47 -52\n"
