@@ -4,8 +4,9 @@ orvd connects to it as a client (subprotocol "websock-rrm"). The service runs it
 loop on a background thread, so a test drives it from its own thread: it chooses how
 "subscribe-request" is answered, sends any message, and reads back every handshake, every
 message received (raw text, parsed form, arrival time, schema check) and every message sent.
-With the policy on it also plans: after a successful subscription it asks for a scan, and it
-answers each "rrm-response" with the decision of sim.controller.policy.
+With the policy on it also plans: after a successful subscription it asks for a scan (or, when
+the subscription described every radio as off, once an "rrm-config-changed" describes one up),
+and it answers each "rrm-response" with the decision of sim.controller.policy.
 """
 from __future__ import annotations
 
@@ -116,6 +117,7 @@ class Connection:
         self.decisions = []  # policy.Plan per rrm-response answered
         self.repeat = None  # the timer handle of the next scan request
         self.scan_requested = None  # when the policy's last rrm-update went out, until its answer
+        self.scans_requested = 0  # rrm-updates the policy sent on this connection
 
     @property
     def label(self) -> str:
@@ -489,6 +491,8 @@ class RrmService:
             await self._answer_subscribe(conn)
         elif received.cmd == "rrm-response" and self.policy:
             await self._decide(conn, message)
+        elif received.cmd == "rrm-config-changed" and self.policy:
+            await self._first_scan(conn)
 
     def _learn(self, conn: Connection, cmd, message: dict):
         """Keeps who the access point is and its latest radios (under the lock)."""
@@ -536,11 +540,19 @@ class RrmService:
             return False
         return True
 
+    async def _first_scan(self, conn: Connection):
+        """orvd subscribed before hostapd was up describes its radios as off and sends no second
+        subscription when they come up: it reports them in an "rrm-config-changed" instead. The
+        first one that shows a radio up starts the planning the subscription could not."""
+        if conn.subscribed and conn.scans_requested == 0 and self._scan_wanted(conn):
+            await self._request_scan(conn)
+
     async def _request_scan(self, conn: Connection):
         conn.repeat = None
         if conn.closed is not None:
             return
         conn.scan_requested = time.monotonic()
+        conn.scans_requested += 1
         await self._send(conn, "rrm-update", update_body(self.scan_delay, self.driver_scan, self.scan_channels))
 
     def _peers(self, conn: Connection) -> list:

@@ -402,6 +402,34 @@ def test_the_policy_asks_for_one_scan_and_only_once_a_radio_is_up(planner):
         client.close()
 
 
+def test_radios_reported_up_after_a_subscription_with_radios_off_start_the_first_scan(planner):
+    client = Client(planner.url())
+    try:
+        off = [samples.radio(0, 6, status=0), samples.radio(1, 36, status=0)]
+        client.send(samples.subscribe_request(radios=off))
+        assert client.recv()["status"] == "success"
+        assert client.nothing_within(0.2)
+        still_off = dict(samples.envelope("rrm-config-changed"), radios=off)
+        client.send(still_off)
+        assert client.nothing_within(0.2)
+        client.send(dict(samples.envelope("rrm-config-changed"), radios=samples.default_radios()))
+        assert client.recv()["cmd"] == "rrm-update"
+        client.send(dict(samples.envelope("rrm-config-changed"), radios=samples.default_radios()))
+        assert client.nothing_within(0.2)  # one first scan; the next ones follow the cycle
+        assert planner.received("rrm-config-changed")[-1].schema == schema_check.VALID
+    finally:
+        client.close()
+
+
+def test_a_configuration_change_before_any_subscription_asks_for_no_scan(planner):
+    client = Client(planner.url())
+    try:
+        client.send(dict(samples.envelope("rrm-config-changed"), radios=samples.default_radios()))
+        assert client.nothing_within(0.3)
+    finally:
+        client.close()
+
+
 def test_the_policy_repeats_its_cycle(planner):
     planner.interval = 0.2
     client = planner_client(planner)
