@@ -11,7 +11,7 @@
 int main(int argc, char** argv)
 {
     // First of all, so that a stop request never leaves a module's socket file behind.
-    install_signal_handlers();
+    catch_stop_signals();
 
     bus_options options;
     std::string error;

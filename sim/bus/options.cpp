@@ -1,23 +1,38 @@
 #include "options.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <vector>
 
 namespace {
 
 constexpr long highest_module = 65535;
 constexpr double longest_wait_s = 1e6;
 
-bool parse_long(const char* text, long lowest, long highest, long* value)
+// Plain decimal numbers only: no sign, no leading space, nothing after the digits.
+template <typename Number, typename Convert>
+bool parse_number(const char* text, Convert convert, Number* value)
 {
     if (*text == '\0' || *text == '+' || *text == '-' || *text == ' ')
         return false;
     errno = 0;
     char* end = nullptr;
-    const long parsed = std::strtol(text, &end, 10);
-    if (errno != 0 || *end != '\0' || parsed < lowest || parsed > highest)
+    const Number parsed = convert(text, &end);
+    if (errno != 0 || *end != '\0')
+        return false;
+    *value = parsed;
+    return true;
+}
+
+bool parse_long(const char* text, long lowest, long highest, long* value)
+{
+    long parsed = 0;
+    const auto decimal = [](const char* digits, char** end) { return std::strtol(digits, end, 10); };
+    if (!parse_number(text, decimal, &parsed) || parsed < lowest || parsed > highest)
         return false;
     *value = parsed;
     return true;
@@ -25,12 +40,10 @@ bool parse_long(const char* text, long lowest, long highest, long* value)
 
 bool parse_seconds(const char* text, double* value)
 {
-    if (*text == '\0' || *text == '+' || *text == '-' || *text == ' ')
-        return false;
-    errno = 0;
-    char* end = nullptr;
-    const double parsed = std::strtod(text, &end);
-    if (errno != 0 || *end != '\0' || !std::isfinite(parsed) || parsed < 0 || parsed > longest_wait_s)
+    double parsed = 0;
+    const auto decimal = [](const char* digits, char** end) { return std::strtod(digits, end); };
+    if (!parse_number(text, decimal, &parsed) || !std::isfinite(parsed) || parsed < 0 ||
+        parsed > longest_wait_s)
         return false;
     *value = parsed;
     return true;
@@ -112,101 +125,93 @@ bool is_help(const char* argument)
     return std::strcmp(argument, "--help") == 0 || std::strcmp(argument, "-h") == 0;
 }
 
-bool parse_send(argument_reader& args, bus_options* options)
+// One option of a subcommand: its name and what it does with the arguments after it.
+struct option_rule {
+    const char* name;
+    std::function<bool(const char* option)> apply;
+};
+
+// What a command line lacks once all of it is read; null when it is complete.
+using completeness_check = std::function<const char*()>;
+
+// Reads the options of `command` up to the end of the line, then checks that none it needs is
+// missing; "--help" anywhere asks for the usage instead, and ends the reading there.
+bool read_options(argument_reader& args, const char* command, const std::vector<option_rule>& rules,
+                  const completeness_check& missing, bus_options* options)
 {
-    int sources = 0;
     while (!args.done()) {
         const char* option = args.take();
         if (is_help(option)) {
             options->command = bus_command::help;
             return true;
         }
-        if (std::strcmp(option, "--to") == 0) {
-            if (!args.module(option, &options->to))
-                return false;
-        } else if (std::strcmp(option, "--as") == 0) {
-            if (!args.module(option, &options->as))
-                return false;
-        } else if (std::strcmp(option, "--text") == 0) {
-            const char* text = args.value(option);
-            if (text == nullptr)
-                return false;
-            options->text = text;
-            options->source = payload_source::text;
-            ++sources;
-        } else if (std::strcmp(option, "--file") == 0) {
-            const char* file = args.value(option);
-            if (file == nullptr)
-                return false;
-            options->file = file;
-            options->source = payload_source::file;
-            ++sources;
-        } else if (std::strcmp(option, "--stdin") == 0) {
-            options->source = payload_source::standard_input;
-            ++sources;
-        } else {
-            return args.fail(std::string("send: unknown argument ") + option);
-        }
+        const auto rule = std::find_if(rules.begin(), rules.end(), [option](const option_rule& candidate) {
+            return std::strcmp(candidate.name, option) == 0;
+        });
+        if (rule == rules.end())
+            return args.fail(std::string(command) + ": unknown argument " + option);
+        if (!rule->apply(option))
+            return false;
     }
-    if (options->to == 0)
-        return args.fail("send needs --to");
-    if (sources != 1)
-        return args.fail("send needs exactly one of --text, --file and --stdin");
-    return true;
+    const char* problem = missing();
+    return problem == nullptr || args.fail(problem);
+}
+
+bool parse_send(argument_reader& args, bus_options* options)
+{
+    int sources = 0;
+    // --text, --file and --stdin each name where the payload comes from.
+    auto payload_from = [&](payload_source source, std::string* value) {
+        return [&args, options, &sources, source, value](const char* option) {
+            if (value != nullptr) {
+                const char* text = args.value(option);
+                if (text == nullptr)
+                    return false;
+                *value = text;
+            }
+            options->source = source;
+            ++sources;
+            return true;
+        };
+    };
+    return read_options(
+        args, "send",
+        {{"--to", [&](const char* option) { return args.module(option, &options->to); }},
+         {"--as", [&](const char* option) { return args.module(option, &options->as); }},
+         {"--text", payload_from(payload_source::text, &options->text)},
+         {"--file", payload_from(payload_source::file, &options->file)},
+         {"--stdin", payload_from(payload_source::standard_input, nullptr)}},
+        [&]() -> const char* {
+            if (options->to == 0)
+                return "send needs --to";
+            return sources == 1 ? nullptr : "send needs exactly one of --text, --file and --stdin";
+        },
+        options);
 }
 
 bool parse_listen(argument_reader& args, bus_options* options)
 {
-    while (!args.done()) {
-        const char* option = args.take();
-        if (is_help(option)) {
-            options->command = bus_command::help;
-            return true;
-        }
-        if (std::strcmp(option, "--as") == 0) {
-            if (!args.module(option, &options->as))
-                return false;
-        } else if (std::strcmp(option, "--escaped") == 0) {
-            options->escaped = true;
-        } else if (std::strcmp(option, "--count") == 0) {
-            if (!args.count(option, &options->count))
-                return false;
-        } else if (std::strcmp(option, "--timeout") == 0) {
-            if (!args.seconds(option, false, &options->timeout_s))
-                return false;
-        } else {
-            return args.fail(std::string("listen: unknown argument ") + option);
-        }
-    }
-    if (options->as == 0)
-        return args.fail("listen needs --as");
-    return true;
+    return read_options(
+        args, "listen",
+        {{"--as", [&](const char* option) { return args.module(option, &options->as); }},
+         {"--escaped",
+          [&](const char*) {
+              options->escaped = true;
+              return true;
+          }},
+         {"--count", [&](const char* option) { return args.count(option, &options->count); }},
+         {"--timeout", [&](const char* option) { return args.seconds(option, false, &options->timeout_s); }}},
+        [&] { return options->as == 0 ? "listen needs --as" : nullptr; }, options);
 }
 
 bool parse_peer(argument_reader& args, bus_options* options)
 {
-    while (!args.done()) {
-        const char* option = args.take();
-        if (is_help(option)) {
-            options->command = bus_command::help;
-            return true;
-        }
-        if (std::strcmp(option, "--as") == 0) {
-            if (!args.module(option, &options->as))
-                return false;
-        } else if (std::strcmp(option, "--to") == 0) {
-            if (!args.module(option, &options->to))
-                return false;
-        } else if (std::strcmp(option, "--linger") == 0) {
-            if (!args.seconds(option, true, &options->linger_s))
-                return false;
-        } else {
-            return args.fail(std::string("peer: unknown argument ") + option);
-        }
-    }
-    if (options->as == 0 || options->to == 0)
-        return args.fail("peer needs --as and --to");
-    return true;
+    return read_options(
+        args, "peer",
+        {{"--as", [&](const char* option) { return args.module(option, &options->as); }},
+         {"--to", [&](const char* option) { return args.module(option, &options->to); }},
+         {"--linger", [&](const char* option) { return args.seconds(option, true, &options->linger_s); }}},
+        [&] { return options->as == 0 || options->to == 0 ? "peer needs --as and --to" : nullptr; }, options);
 }
 
 }  // namespace

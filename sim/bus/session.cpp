@@ -1,10 +1,6 @@
 #include "session.h"
 
-#include <pthread.h>
-
-#include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -14,40 +10,10 @@
 
 namespace {
 
-std::atomic<bool> stop_flag{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler writes the flag");
-
 // Received messages are picked from the library's queue at this interval while it is empty.
 constexpr std::chrono::milliseconds queue_poll_interval(1);
 
-void request_stop(int)
-{
-    stop_flag.store(true);
-}
-
 }  // namespace
-
-void install_signal_handlers()
-{
-    struct sigaction action;
-    std::memset(&action, 0, sizeof action);
-    action.sa_handler = request_stop;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGINT, &action, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-    // A parent may have started this process with the signals blocked.
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGTERM);
-    sigaddset(&stop_signals, SIGINT);
-    sigprocmask(SIG_UNBLOCK, &stop_signals, nullptr);
-}
-
-bool stop_requested()
-{
-    return stop_flag.load();
-}
 
 bool bus_membership::join(int module, bool receive)
 {
@@ -58,19 +24,7 @@ bool bus_membership::join(int module, bool receive)
         return false;
     }
     joined = true;
-    // The bus library receives on a thread of its own. It must not take SIGTERM or SIGINT:
-    // a signal delivered there, while it waits in the kernel, may not run the handler until a
-    // message arrives (a sanitizer runtime defers it), and the main loop would never stop.
-    // The thread inherits the mask in force when it is made.
-    sigset_t stop_signals;
-    sigset_t previous;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGTERM);
-    sigaddset(&stop_signals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, &previous);
-    const int started = receive ? ModulePeerStart() : 0;
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    if (started != 0) {
+    if (receive && start_receiving() != 0) {
         std::fprintf(stderr, "orvd-bus: cannot start receiving as module %d\n", module);
         leave();
         return false;

@@ -9,11 +9,7 @@
 #include <string_view>
 
 #include "msgbus.h"
-
-// SIGTERM and SIGINT only ask the program to stop, so that it can leave the bus cleanly.
-// SIGPIPE is ignored: a closed output shows up as a failed write.
-void install_signal_handlers();
-bool stop_requested();
+#include "stop_signals.h"
 
 // Registration as one module for the object's life. Leaving stops the peer and frees the
 // module, so its socket file is gone afterwards.

@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +14,7 @@
 
 #include "msgbus.h"
 #include "relay_frame.h"
+#include "stop_signals.h"
 #include "vorna_log.h"
 
 namespace {
@@ -24,31 +24,12 @@ constexpr int relay_fd = 3;
 // How long the relay sleeps between looks at its receive queue while it is empty.
 constexpr int queue_poll_ms = 2;
 
-std::atomic<bool> stop_flag{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler writes the flag");
-
-void request_stop(int)
-{
-    stop_flag.store(true);
-}
-
-bool stop_requested()
-{
-    return stop_flag.load();
-}
-
 // The simulator blocks these signals to read them through a signalfd; the relay takes them
 // directly so that it can leave the bus before it ends.
 void take_signals()
 {
-    struct sigaction action;
-    std::memset(&action, 0, sizeof action);
-    action.sa_handler = request_stop;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGINT, &action, nullptr);
+    catch_stop_signals();
     signal(SIGCHLD, SIG_DFL);
-    signal(SIGPIPE, SIG_IGN);
     sigset_t all;
     sigfillset(&all);
     sigprocmask(SIG_UNBLOCK, &all, nullptr);
@@ -106,7 +87,7 @@ void pass_on(const message_s& message, const char* name)
                                        ") is taken, or the bus cannot be used");
         std::_Exit(1);
     }
-    if (ModulePeerStart() != 0) {
+    if (start_receiving() != 0) {
         report(frame_kind::failed, "cannot receive as module " + std::to_string(module));
         FreeLibParams();
         std::_Exit(1);

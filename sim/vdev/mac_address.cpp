@@ -2,36 +2,22 @@
 
 #include <cstdio>
 
+#include "mac_text.h"
+
 namespace {
 
 constexpr uint64_t mac_mask = (uint64_t{1} << 48) - 1;
-
-int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
 
 }  // namespace
 
 bool parse_mac(const std::string& text, uint64_t* mac)
 {
-    if (text.size() != 17)
+    unsigned char octets[6];
+    if (!parse_mac_text(text.data(), text.size(), octets))
         return false;
     uint64_t value = 0;
-    for (size_t octet = 0; octet < 6; ++octet) {
-        const size_t at = octet * 3;
-        const int high = hex_digit(text[at]);
-        const int low = hex_digit(text[at + 1]);
-        if (high < 0 || low < 0 || (octet < 5 && text[at + 2] != ':'))
-            return false;
-        value = (value << 8) | static_cast<uint64_t>(high * 16 + low);
-    }
+    for (const unsigned char octet : octets)
+        value = (value << 8) | octet;
     *mac = value;
     return true;
 }

@@ -42,8 +42,6 @@ json_object* member(json_object* object, const char* key);
 json_object* object_member(json_object* object, const char* key);
 // Adds one to counters.<name> of the state (made when missing).
 void count_up(json_object* state, const char* name);
-// Parses "aa:bb:cc:dd:ee:ff" (either case) into six bytes.
-bool parse_mac(const char* text, unsigned char mac[6]);
 
 // The observer of vrtl_state.h, called by the emulation.
 void notify_observer(unsigned long request, const struct iwreq* req);

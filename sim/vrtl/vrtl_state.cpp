@@ -71,17 +71,6 @@ request_observer& observer()
     return function;
 }
 
-int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 }  // namespace
 
 std::string radio_of(const std::string& ifname)
@@ -261,22 +250,6 @@ void count_up(json_object* state, const char* name)
     json_object* value = member(counters, name);
     const int64_t before = json_object_is_type(value, json_type_int) ? json_object_get_int64(value) : 0;
     json_object_object_add(counters, name, json_object_new_int64(before + 1));
-}
-
-bool parse_mac(const char* text, unsigned char mac[6])
-{
-    for (int i = 0; i < 6; ++i) {
-        const char* pair = text + 3 * i;
-        const int high = hex_digit(pair[0]);
-        const int low = high < 0 ? -1 : hex_digit(pair[1]);
-        if (low < 0)
-            return false;
-        const char separator = pair[2];
-        if (separator != (i == 5 ? '\0' : ':'))
-            return false;
-        mac[i] = static_cast<unsigned char>(high * 16 + low);
-    }
-    return true;
 }
 
 }  // namespace vrtl

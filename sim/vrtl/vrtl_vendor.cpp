@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "mac_text.h"
 #include "vrtl_emulate.h"
 #include "vrtl_layout.h"
 #include "vrtl_state.h"
@@ -53,7 +54,8 @@ int build_ap_records(const request_context& context, bool rrm, record_bytes* rec
         unsigned char mac[6];
         int32_t rssi = 0;
         int32_t chanspec = 0;
-        if (!json_object_is_type(bssid, json_type_string) || !parse_mac(json_object_get_string(bssid), mac) ||
+        if (!json_object_is_type(bssid, json_type_string) ||
+            !parse_mac_text(json_object_get_string(bssid), json_object_get_string_len(bssid), mac) ||
             !read_int(entry, "rssi", &rssi) || !read_int(entry, "chanspec", &chanspec))
             return refuse(context, EIO, "state: %s[%zu] needs \"bssid\", \"rssi\" and \"chanspec\"", key, i);
         unsigned char* record = records->data() + i * ap_record_bytes;
@@ -93,7 +95,7 @@ int build_sta_records(const request_context& context, record_bytes* records, siz
         json_object* readings = member(entry, "rssi");
         unsigned char mac[6];
         if (!json_object_is_type(mac_text, json_type_string) ||
-            !parse_mac(json_object_get_string(mac_text), mac) ||
+            !parse_mac_text(json_object_get_string(mac_text), json_object_get_string_len(mac_text), mac) ||
             !json_object_is_type(readings, json_type_array) || json_object_array_length(readings) > 4)
             return refuse(context, EIO,
                           "state: stations.%s[%zu] needs \"mac\" and up to four \"rssi\" values",

@@ -23,6 +23,7 @@
 #include "core/trace.h"
 #include "core/websock_cfg.h"
 #include "driver/driver_interface.h"
+#include "fake_chanspec.h"
 #include "neutral_driver.h"
 #include "rrm/rrm_worker.h"
 #include "vorna_log_host.h"
@@ -101,22 +102,9 @@ public:
     {
         return ifname != nullptr && std::strcmp(ifname, "wlan1") == 0 ? 0x2024u : 0x1006u;
     }
-    int chanspec_channel(unsigned chanspec) const override { return static_cast<int>(chanspec & 0xFF); }
-    const char* chanspec_primary(unsigned chanspec) const override
-    {
-        return (chanspec & 0x3800) == 0x1800 ? "lower" : "none";
-    }
-    int chanspec_bw(unsigned chanspec) const override
-    {
-        switch (chanspec & 0x3800) {
-        case 0x1800:
-            return 40;
-        case 0x2000:
-            return 80;
-        default:
-            return 20;
-        }
-    }
+    int chanspec_channel(unsigned chanspec) const override { return fake_chanspec_channel(chanspec); }
+    const char* chanspec_primary(unsigned chanspec) const override { return fake_chanspec_primary(chanspec); }
+    int chanspec_bw(unsigned chanspec) const override { return fake_chanspec_bw(chanspec); }
     int get_assoclist(char const* ifname, std::function<void(const rrm_sta_s&)> callback) const override
     {
         if (ifname == nullptr)

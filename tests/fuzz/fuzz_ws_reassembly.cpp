@@ -3,24 +3,11 @@
 #include <cstring>
 #include <vector>
 
-#include "core/trace.h"
-#include "transport/websock_worker.h"
-
-namespace {
-
-safe_queue to_server;
-safe_queue from_server;
-volatile bool run = false;
-
-}  // namespace
+#include "websock_fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static websock_worker* worker = [] {
-        auto* made = new websock_worker(to_server, from_server, "127.0.0.1", "/", 1, run, 0, 0, WS_SERVICE_ROAMING);
-        trace.set_log_level(0);
-        return made;
-    }();
+    websock_worker& worker = websock_fuzz::worker(WS_SERVICE_ROAMING);
 
     // Each record: one flag byte (bit 0 final, bit 1 payload remains, bit 2 no data pointer),
     // one length byte, then that many bytes (fewer at the end of the input).
@@ -34,13 +21,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         std::vector<uint8_t> piece(data + at, data + at + length);
         at += length;
         void* in = (flags & 4) != 0 ? nullptr : piece.data();
-        worker->process_client_receive_fragment(in, length, (flags & 1) != 0, (flags & 2) != 0 ? 1 : 0);
+        worker.process_client_receive_fragment(in, length, (flags & 1) != 0, (flags & 2) != 0 ? 1 : 0);
     }
     // Every delivered message is a non-empty, zero-terminated buffer.
-    while (from_server.dequeue([](const std::shared_ptr<buffer_info_t>& message) {
-        if (message->data == nullptr || message->size == 0 || message->data[message->size] != '\0')
+    websock_fuzz::drain([](const buffer_info_t& message) {
+        if (message.data == nullptr || message.size == 0 || message.data[message.size] != '\0')
             __builtin_trap();
-    })) {
-    }
+    });
     return 0;
 }

@@ -5,12 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -18,20 +14,14 @@
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
-#include <limits.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "core/trace.h"
 #include "core/websock_cfg.h"
+#include "driver_test_support.h"
 #include "log_capture.h"
 #include "msgbus.h"
 #include "temp_root.h"
-
-extern char** environ;
 
 namespace {
 
@@ -49,91 +39,9 @@ long long elapsed_ms(clock_type::time_point since)
     return std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() - since).count();
 }
 
-std::string responder_path()
-{
-    char self[PATH_MAX];
-    ssize_t length = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0)
-        return "daemon_responder";
-    self[length] = '\0';
-    std::string path(self);
-    return path.substr(0, path.rfind('/') + 1) + "daemon_responder";
-}
-
 // A daemon_responder process: started on the bus, killed and reaped when the object goes,
 // whatever happened in between.
-class responder {
-public:
-    responder() = default;
-    ~responder() { stop(); }
-    responder(const responder&) = delete;
-    responder& operator=(const responder&) = delete;
-
-    // Starts the responder and waits until it receives on the bus.
-    bool start(const std::vector<std::string>& arguments)
-    {
-        int pipe_fds[2];
-        if (::pipe2(pipe_fds, O_CLOEXEC) != 0)
-            return false;
-        std::vector<std::string> all{responder_path()};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        std::vector<char*> argv;
-        for (auto& argument : all)
-            argv.push_back(&argument[0]);
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
-        int result = ::posix_spawn(&process_id, all[0].c_str(), &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(pipe_fds[1]);
-        if (result != 0) {
-            ::close(pipe_fds[0]);
-            process_id = -1;
-            ADD_FAILURE() << "cannot start " << all[0] << ": " << std::strerror(result);
-            return false;
-        }
-        output_fd = pipe_fds[0];
-        return wait_ready();
-    }
-
-    void stop()
-    {
-        if (process_id > 0) {
-            ::kill(process_id, SIGKILL);
-            int status = 0;
-            while (::waitpid(process_id, &status, 0) < 0 && errno == EINTR) {
-            }
-            process_id = -1;
-        }
-        if (output_fd >= 0) {
-            ::close(output_fd);
-            output_fd = -1;
-        }
-    }
-
-private:
-    bool wait_ready()
-    {
-        std::string output;
-        const auto start = clock_type::now();
-        while (output.find('\n') == std::string::npos) {
-            long long left = 5000 - elapsed_ms(start);
-            pollfd readable = {output_fd, POLLIN, 0};
-            if (left <= 0 || ::poll(&readable, 1, static_cast<int>(left)) < 0)
-                return false;
-            char buffer[64];
-            ssize_t got = ::read(output_fd, buffer, sizeof buffer);
-            if (got <= 0)
-                return false;
-            output.append(buffer, static_cast<size_t>(got));
-        }
-        return output.substr(0, output.find('\n')) == "ready";
-    }
-
-    pid_t process_id = -1;
-    int output_fd = -1;
-};
+using responder = driver_test::responder_process;
 
 std::vector<std::string> read_lines(const std::string& path)
 {
@@ -144,6 +52,14 @@ std::vector<std::string> read_lines(const std::string& path)
         lines.push_back(line);
     return lines;
 }
+
+// One operation as the fault tests drive it: every failed exchange answers -1.
+struct exchange_case {
+    const char* name;
+    std::function<int()> run;
+    long long timeouts;  // exchanges that wait for their reply when the daemon is silent
+    std::vector<std::string> error_lines;
+};
 
 class daemon_requests_test : public ::testing::Test {
 protected:
@@ -203,6 +119,20 @@ protected:
     {
         auto texts = log.texts();
         return static_cast<size_t>(std::count(texts.begin(), texts.end(), text));
+    }
+
+    // Runs the exchange, which must fail and log its error lines, the first once for each
+    // time-out; how long it took, in milliseconds.
+    long long run_failing(const exchange_case& exchange)
+    {
+        log.clear();
+        const auto start = clock_type::now();
+        EXPECT_EQ(exchange.run(), -1);
+        const long long took = elapsed_ms(start);
+        for (const auto& line : exchange.error_lines)
+            EXPECT_TRUE(logged(VLR_LOG_ERROR, line)) << line;
+        EXPECT_EQ(times_logged(exchange.error_lines[0]), static_cast<size_t>(exchange.timeouts));
+        return took;
     }
 
     // The value configd_get reads when configd answers with `reply`.
@@ -460,14 +390,6 @@ TEST_F(daemon_requests_test, a_silent_networkd_stops_the_vap_resets_at_the_first
               std::vector<std::string>{R"({"command":"reset-quillon-fbt","ifname":"wlan0-va0"})"});
 }
 
-// One operation as the fault tests drive it: every failed exchange answers -1.
-struct exchange_case {
-    const char* name;
-    std::function<int()> run;
-    long long timeouts;  // exchanges that wait for their reply when the daemon is silent
-    std::vector<std::string> error_lines;
-};
-
 std::vector<exchange_case> every_exchange(daemon_requests& requests, std::string& value)
 {
     return {
@@ -510,15 +432,9 @@ TEST_F(daemon_requests_test, absent_daemons_fail_every_exchange_at_once)
     auto every_exchange_fails_at_once = [&] {
         for (const auto& exchange : every_exchange(requests, value)) {
             SCOPED_TRACE(exchange.name);
-            log.clear();
-            const auto start = clock_type::now();
-            EXPECT_EQ(exchange.run(), -1);
-            const long long took = elapsed_ms(start);
+            const long long took = run_failing(exchange);
             longest = std::max(longest, took);
             EXPECT_LT(took, 50);
-            for (const auto& line : exchange.error_lines)
-                EXPECT_TRUE(logged(VLR_LOG_ERROR, line)) << line;
-            EXPECT_EQ(times_logged(exchange.error_lines[0]), static_cast<size_t>(exchange.timeouts));
         }
     };
     {
@@ -549,15 +465,9 @@ TEST_F(daemon_requests_test, silent_daemons_end_every_exchange_by_its_time_out)
     std::string value = "untouched";
     for (const auto& exchange : every_exchange(requests, value)) {
         SCOPED_TRACE(exchange.name);
-        log.clear();
-        const auto start = clock_type::now();
-        EXPECT_EQ(exchange.run(), -1);
-        const long long took = elapsed_ms(start);
+        const long long took = run_failing(exchange);
         EXPECT_GE(took, (exchange_timeout_ms - timeout_rounding_ms) * exchange.timeouts);
         EXPECT_LT(took, exchange_timeout_ms * exchange.timeouts + 300);
-        for (const auto& line : exchange.error_lines)
-            EXPECT_TRUE(logged(VLR_LOG_ERROR, line)) << line;
-        EXPECT_EQ(times_logged(exchange.error_lines[0]), static_cast<size_t>(exchange.timeouts));
     }
     EXPECT_EQ(value, "untouched");
 }

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -187,6 +188,20 @@ std::string stations_json(size_t count)
                 std::to_string(-60 - static_cast<int>(i % 30)) + "]}";
     }
     return text + "]";
+}
+
+::testing::AssertionResult responder_process::start(const std::vector<std::string>& arguments)
+{
+    std::vector<std::string> command{program_beside_self("daemon_responder")};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    if (!process.start(command))
+        return ::testing::AssertionFailure() << process.failure();
+    // It comes up in well under a second; this only bounds a broken start.
+    if (!process.wait_ready(std::chrono::seconds(10))) {
+        process.kill_and_reap();
+        return ::testing::AssertionFailure() << "daemon_responder did not come up";
+    }
+    return ::testing::AssertionSuccess();
 }
 
 }  // namespace driver_test

@@ -1,5 +1,6 @@
 // Helpers of the driver tests: a private device root per test, radio states for vrtl, a
-// recorder of the requests vrtl sees, a capture of standard error and raw requests.
+// recorder of the requests vrtl sees, a capture of standard error, raw requests and a stand-in
+// daemon on the bus.
 #ifndef ORVD_TESTS_UNIT_DRIVER_TEST_SUPPORT_H
 #define ORVD_TESTS_UNIT_DRIVER_TEST_SUPPORT_H
 
@@ -9,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "child_process.h"
 #include "driver/vorna_command.h"
 #include "log_capture.h"
 #include "temp_root.h"
@@ -94,6 +96,19 @@ size_t count_lines(const log_capture& log, vlr_log_level_t level, const std::str
 
 // A request to `ifname` with the union cleared.
 struct iwreq make_request(const std::string& ifname);
+
+// daemon_responder (built next to this program), standing in for networkd or configd: it
+// answers every request as the module it registers with, until stop() or the object's end.
+class responder_process {
+public:
+    // Starts it with these arguments and waits until it receives on the bus.
+    ::testing::AssertionResult start(const std::vector<std::string>& arguments);
+    // Kills it: its socket file stays behind, as a daemon's does when it dies.
+    void stop() { process.kill_and_reap(); }
+
+private:
+    child_process process;
+};
 
 // JSON of `count` neighbours for "scan_results" (standard) or "rrm_scan_results".
 std::string neighbours_json(size_t count, bool rrm);

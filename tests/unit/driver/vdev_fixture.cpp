@@ -1,27 +1,17 @@
 #include "vdev_fixture.h"
 
-#include <fcntl.h>
 #include <json-c/json.h>
-#include <limits.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "core/trace.h"
 #include "core/websock_cfg.h"
 #include "vrtl_state.h"
-
-extern char** environ;
 
 namespace driver_test {
 
@@ -179,69 +169,36 @@ vdev_process::~vdev_process()
             return ::testing::AssertionFailure() << "cannot write " << scenario_path;
     }
     error_path = root + "/vdev-stderr.txt";
-
-    int pipe_fds[2];
-    if (pipe2(pipe_fds, O_CLOEXEC) != 0)
-        return ::testing::AssertionFailure() << "pipe2: " << strerror(errno);
-    std::vector<std::string> arguments{ORVD_VDEV_PROGRAM, "--root", root, "--scenario", scenario_path};
-    std::vector<char*> argv;
-    for (std::string& argument : arguments)
-        argv.push_back(&argument[0]);
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, error_path.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int result = posix_spawn(&process_id, ORVD_VDEV_PROGRAM, &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(pipe_fds[1]);
-    if (result != 0) {
-        close(pipe_fds[0]);
-        process_id = -1;
-        return ::testing::AssertionFailure() << "cannot start " ORVD_VDEV_PROGRAM ": " << strerror(result);
-    }
-    output_fd = pipe_fds[0];
-    status = -1;
+    child_streams streams;
+    streams.error_file = error_path;
+    if (!process.start({ORVD_VDEV_PROGRAM, "--root", root, "--scenario", scenario_path}, streams))
+        return ::testing::AssertionFailure() << process.failure();
     return wait_ready();
 }
 
 ::testing::AssertionResult vdev_process::wait_ready()
 {
     const auto deadline = clock_type::now() + ready_limit;
-    std::string output;
-    for (;;) {
-        if (output.find("orvd-vdev: ready\n") != std::string::npos)
+    std::string line;
+    while (process.output().read_line(&line, deadline)) {
+        if (line == "orvd-vdev: ready")
             return ::testing::AssertionSuccess();
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now()).count();
-        pollfd readable = {output_fd, POLLIN, 0};
-        const int polled = left > 0 ? poll(&readable, 1, static_cast<int>(left)) : 0;
-        if (polled < 0 && errno == EINTR)
-            continue;
-        if (polled <= 0) {
-            reap(SIGKILL);
-            return ::testing::AssertionFailure() << "orvd-vdev was not ready in time; standard error:\n"
-                                                 << error_output();
-        }
-        char buffer[256];
-        const ssize_t got = read(output_fd, buffer, sizeof buffer);
-        if (got > 0) {
-            output.append(buffer, static_cast<size_t>(got));
-            continue;
-        }
-        if (got < 0 && errno == EINTR)
-            continue;
-        // Standard output closed: the simulator ended before it was ready.
-        reap(0);
-        ::testing::AssertionResult failure = ::testing::AssertionFailure();
-        failure << "orvd-vdev ended before it was ready (";
-        if (WIFEXITED(status))
-            failure << "exit status " << WEXITSTATUS(status);
-        else if (WIFSIGNALED(status))
-            failure << "signal " << WTERMSIG(status);
-        return failure << "): " << error_output();
     }
+    if (!process.output().ended()) {
+        reap(SIGKILL);
+        return ::testing::AssertionFailure() << "orvd-vdev was not ready in time; standard error:\n"
+                                             << error_output();
+    }
+    // Standard output closed: the simulator ended before it was ready.
+    reap(0);
+    const int status = process.wait_status();
+    ::testing::AssertionResult failure = ::testing::AssertionFailure();
+    failure << "orvd-vdev ended before it was ready (";
+    if (WIFEXITED(status))
+        failure << "exit status " << WEXITSTATUS(status);
+    else if (WIFSIGNALED(status))
+        failure << "signal " << WTERMSIG(status);
+    return failure << "): " << error_output();
 }
 
 int vdev_process::stop()
@@ -249,111 +206,19 @@ int vdev_process::stop()
     if (!running())
         return -1;
     reap(SIGTERM);
-    return status;
+    return process.wait_status();
 }
 
 void vdev_process::reap(int signal_number)
 {
-    if (process_id > 0) {
-        if (signal_number != 0)
-            kill(process_id, signal_number);
-        const auto deadline = clock_type::now() + stop_limit;
-        pid_t done = 0;
-        while ((done = waitpid(process_id, &status, WNOHANG)) == 0 && clock_type::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        if (done == 0) {
-            ADD_FAILURE() << "orvd-vdev did not end within 5 s; killed";
-            kill(process_id, SIGKILL);
-            while (waitpid(process_id, &status, 0) < 0 && errno == EINTR) {
-            }
-        }
-        process_id = -1;
-    }
-    if (output_fd >= 0) {
-        close(output_fd);
-        output_fd = -1;
-    }
+    if (!process.stop(signal_number, stop_limit))
+        ADD_FAILURE() << "orvd-vdev did not end within 5 s; killed";
+    process.kill_and_reap();
 }
 
 std::string vdev_process::error_output() const
 {
     return error_path.empty() ? "" : file_text(error_path);
-}
-
-// ---- responder_process ------------------------------------------------------------------
-
-namespace {
-
-std::string responder_program()
-{
-    char self[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (length <= 0)
-        return "daemon_responder";
-    const std::string path(self, static_cast<size_t>(length));
-    return path.substr(0, path.rfind('/') + 1) + "daemon_responder";
-}
-
-}  // namespace
-
-::testing::AssertionResult responder_process::start(const std::vector<std::string>& arguments)
-{
-    stop();
-    int pipe_fds[2];
-    if (pipe2(pipe_fds, O_CLOEXEC) != 0)
-        return ::testing::AssertionFailure() << "pipe2: " << strerror(errno);
-    std::vector<std::string> all{responder_program()};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& argument : all)
-        argv.push_back(&argument[0]);
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
-    const int result = posix_spawn(&process_id, all[0].c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(pipe_fds[1]);
-    if (result != 0) {
-        close(pipe_fds[0]);
-        process_id = -1;
-        return ::testing::AssertionFailure() << "cannot start " << all[0] << ": " << strerror(result);
-    }
-    output_fd = pipe_fds[0];
-    std::string output;
-    const auto deadline = clock_type::now() + ready_limit;
-    while (output.find('\n') == std::string::npos) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock_type::now()).count();
-        pollfd readable = {output_fd, POLLIN, 0};
-        if (left <= 0 || poll(&readable, 1, static_cast<int>(left)) <= 0)
-            break;
-        char buffer[64];
-        const ssize_t got = read(output_fd, buffer, sizeof buffer);
-        if (got <= 0)
-            break;
-        output.append(buffer, static_cast<size_t>(got));
-    }
-    if (output.compare(0, 6, "ready\n") != 0) {
-        stop();
-        return ::testing::AssertionFailure() << "daemon_responder did not come up: \"" << output << "\"";
-    }
-    return ::testing::AssertionSuccess();
-}
-
-void responder_process::stop()
-{
-    if (process_id > 0) {
-        kill(process_id, SIGKILL);
-        int status = 0;
-        while (waitpid(process_id, &status, 0) < 0 && errno == EINTR) {
-        }
-        process_id = -1;
-    }
-    if (output_fd >= 0) {
-        close(output_fd);
-        output_fd = -1;
-    }
 }
 
 // ---- vdev_fixture ------------------------------------------------------------------------

@@ -6,7 +6,6 @@
 #define ORVD_TESTS_UNIT_DRIVER_VDEV_FIXTURE_H
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -47,37 +46,17 @@ public:
     // SIGTERM, then waits for the end (SIGKILL after 5 s) and answers the waitpid() status;
     // -1 when it was not running.
     int stop();
-    bool running() const { return process_id > 0; }
+    bool running() const { return process.running(); }
     // The status of the last run as waitpid() gave it; -1 while running or before a start.
-    int exit_status() const { return status; }
+    int exit_status() const { return process.wait_status(); }
     std::string error_output() const;
 
 private:
     ::testing::AssertionResult wait_ready();
     void reap(int signal_number);
 
-    pid_t process_id = -1;
-    int output_fd = -1;
-    int status = -1;
+    child_process process;
     std::string error_path;
-};
-
-// daemon_responder (built next to this program), for configd values a scenario cannot hold:
-// it answers every request as the module it registers with, until stop() or the test's end.
-class responder_process {
-public:
-    responder_process() = default;
-    ~responder_process() { stop(); }
-    responder_process(const responder_process&) = delete;
-    responder_process& operator=(const responder_process&) = delete;
-
-    // Starts it with these arguments and waits until it receives on the bus.
-    ::testing::AssertionResult start(const std::vector<std::string>& arguments);
-    void stop();
-
-private:
-    pid_t process_id = -1;
-    int output_fd = -1;
 };
 
 // One line of $ROOT/sim/vdev/requests.log.

@@ -33,7 +33,7 @@ protected:
     // Starts bus_peer and waits until it is on the bus.
     void start_peer(child_process& child, const std::vector<std::string>& arguments)
     {
-        ASSERT_TRUE(child.start_bus_peer(arguments));
+        ASSERT_TRUE(start_bus_peer(child, arguments));
         ASSERT_TRUE(child.wait_ready()) << "bus_peer did not come up";
     }
     // Leaves a socket file behind whose owner is dead (a peer killed without cleaning up).
@@ -133,7 +133,7 @@ TEST_F(two_process_bus_test, empty_and_large_payloads_pass_unchanged_from_the_pe
         std::string payload = binary_payload(size);
         write_file(file, payload);
         child_process peer;
-        ASSERT_TRUE(peer.start_bus_peer({"--send-to", std::to_string(self_module), "--file", file}));
+        ASSERT_TRUE(start_bus_peer(peer, {"--send-to", std::to_string(self_module), "--file", file}));
         ASSERT_EQ(peer.wait_exit(), 0);
         owned_message message = receive();
         ASSERT_NE(message, nullptr);
@@ -170,7 +170,7 @@ TEST_F(two_process_bus_test, a_second_process_cannot_take_a_live_module)
     // This process holds the module: the peer cannot take it.
     join_bus();
     child_process second;
-    ASSERT_TRUE(second.start_bus_peer({"--module", std::to_string(self_module), "--try-register"}));
+    ASSERT_TRUE(start_bus_peer(second, {"--module", std::to_string(self_module), "--try-register"}));
     EXPECT_EQ(second.wait_exit(), 3);
     ASSERT_EQ(send_text("mine", self_module), 0);
     owned_message message = receive();
@@ -185,8 +185,8 @@ TEST_F(two_process_bus_test, a_stale_socket_file_is_taken_over)
     std::string file = root.path() + "/hello";
     write_file(file, "hello");
     child_process sender;
-    ASSERT_TRUE(sender.start_bus_peer(
-        {"--module", std::to_string(peer_module), "--send-to", std::to_string(self_module), "--file", file}));
+    ASSERT_TRUE(start_bus_peer(sender, {"--module", std::to_string(peer_module), "--send-to",
+                                        std::to_string(self_module), "--file", file}));
     ASSERT_EQ(sender.wait_exit(), 0);
     owned_message message = receive();
     ASSERT_NE(message, nullptr);

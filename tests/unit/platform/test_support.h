@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "cfg_tree.h"
+#include "child_process.h"
 #include "temp_root.h"
 #include "msgbus.h"
 #include "vorna_log.h"
@@ -58,31 +59,12 @@ inline std::string payload_of(const message_s* message)
     return std::string(message->payload, message->length);
 }
 
-// A child process (bus_peer) whose standard output is read through a pipe. Killed and reaped
-// when the object goes away, whatever happened in between.
-class child_process {
-public:
-    child_process() = default;
-    ~child_process();
-    child_process(const child_process&) = delete;
-    child_process& operator=(const child_process&) = delete;
+// Child processes (shared with the other test programs).
+using ::child_process;
 
-    // Starts bus_peer (found next to this test program) with the given arguments.
-    bool start_bus_peer(const std::vector<std::string>& arguments);
-    // Waits for the line "ready" on its output; false on any other line, end or time-out.
-    bool wait_ready(int timeout_ms = 5000);
-    // Waits for the process to end; its exit code, or -1 on time-out or a signal.
-    int wait_exit(int timeout_ms = 5000);
-    void kill_and_reap();
-    pid_t pid() const { return process_id; }
-
-private:
-    pid_t process_id = -1;
-    int output_fd = -1;
-    std::string unread_output;
-};
-
-std::string bus_peer_path();
+// Starts bus_peer, found next to this test program, with the given arguments; a failure to
+// start fails the test.
+bool start_bus_peer(child_process& peer, const std::vector<std::string>& arguments);
 
 // A payload of `size` bytes that runs through every byte value, 0x00 and 0x80-0xFF included.
 std::string binary_payload(size_t size);

@@ -24,10 +24,7 @@ class lifecycle_test : public rrm_fixture {
 protected:
     void SetUp() override
     {
-        allow_identity();
-        fake_radio off;
-        off.enabled = false;
-        allow_description({off, off});
+        allow_radios_off();
         EXPECT_CALL(driver, is_in_progress()).Times(AnyNumber()).WillRepeatedly(Return(false));
         EXPECT_CALL(driver, is_widsd_sentry_mode()).Times(AnyNumber()).WillRepeatedly([this] {
             return sentry;

@@ -17,10 +17,7 @@ class protocol_test : public rrm_fixture {
 protected:
     void SetUp() override
     {
-        allow_identity();
-        fake_radio off;
-        off.enabled = false;
-        allow_description({off, off});
+        allow_radios_off();
         allow_state(true);
         make_agent();
     }
@@ -206,10 +203,7 @@ class deferral_test : public rrm_fixture {
 protected:
     void SetUp() override
     {
-        allow_identity();
-        fake_radio off;
-        off.enabled = false;
-        allow_description({off, off});
+        allow_radios_off();
         EXPECT_CALL(driver, is_hostapd_initialized()).Times(AnyNumber()).WillRepeatedly(Return(true));
         EXPECT_CALL(driver, is_widsd_sentry_mode()).Times(AnyNumber()).WillRepeatedly(Return(false));
         EXPECT_CALL(driver, is_in_progress()).Times(AnyNumber()).WillRepeatedly([this] { return scanning; });

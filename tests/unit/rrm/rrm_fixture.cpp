@@ -16,30 +16,6 @@ using ::testing::Invoke;
 using ::testing::Return;
 using ::testing::StrEq;
 
-int fake_chanspec_channel(unsigned chanspec)
-{
-    return static_cast<int>(chanspec & 0xFF);
-}
-
-int fake_chanspec_bw(unsigned chanspec)
-{
-    switch (chanspec & 0x3800) {
-    case 0x1800:
-        return 40;
-    case 0x2000:
-        return 80;
-    default:
-        return 20;
-    }
-}
-
-const char* fake_chanspec_primary(unsigned chanspec)
-{
-    if (fake_chanspec_bw(chanspec) != 40)
-        return "none";
-    return (chanspec & 0x100) != 0 ? "upper" : "lower";
-}
-
 namespace {
 
 // As the factory library fills a field: NUL-padded, not terminated when the text fills it.
@@ -164,6 +140,14 @@ void rrm_fixture::allow_description(const std::vector<fake_radio>& fakes)
                 return 0;
             }));
     }
+}
+
+void rrm_fixture::allow_radios_off()
+{
+    allow_identity();
+    fake_radio off;
+    off.enabled = false;
+    allow_description({off, off});
 }
 
 void rrm_fixture::allow_state(bool hostapd_initialized, bool in_progress, bool sentry)

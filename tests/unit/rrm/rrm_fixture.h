@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "fake_chanspec.h"
 #include "log_capture.h"
 #include "mock_driver.h"
 #include "rrm/rrm_worker.h"
@@ -86,12 +87,6 @@ struct fake_radio {
     std::vector<fake_station> stations;
 };
 
-// Channel, bandwidth and primary text of the chanspecs the fake radios use: the centre channel
-// in the low byte, 0x1000 20 MHz, 0x1800 40 MHz, 0x2000 80 MHz, 0x100 the upper primary.
-int fake_chanspec_channel(unsigned chanspec);
-int fake_chanspec_bw(unsigned chanspec);
-const char* fake_chanspec_primary(unsigned chanspec);
-
 class rrm_fixture : public ::testing::Test {
 protected:
     rrm_fixture();
@@ -109,6 +104,9 @@ protected:
     // Every query of the radio description, any number of times, answered from `radios`
     // (index = radio id). Also allows get_max_radios and get_max_vap.
     void allow_description(const std::vector<fake_radio>& radios);
+    // allow_identity() and a description of two radios, both switched off, for tests that do
+    // not look at the radios.
+    void allow_radios_off();
     // hostapd initialised or not, sentry mode or not, and whether a scan runs, any number of
     // times.
     void allow_state(bool hostapd_initialized, bool in_progress = false, bool sentry = false);
