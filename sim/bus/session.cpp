@@ -24,7 +24,7 @@ bool bus_membership::join(int module, bool receive)
         return false;
     }
     joined = true;
-    if (receive && start_receiving() != 0) {
+    if (receive && ModulePeerStart() != 0) {
         std::fprintf(stderr, "orvd-bus: cannot start receiving as module %d\n", module);
         leave();
         return false;

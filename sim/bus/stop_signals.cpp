@@ -3,10 +3,10 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
-
-#include "msgbus.h"
+#include <ctime>
 
 namespace {
 
@@ -38,21 +38,21 @@ void catch_stop_signals()
     signal(SIGPIPE, SIG_IGN);
     sigset_t stop_signals;
     stop_signal_set(&stop_signals);
-    sigprocmask(SIG_UNBLOCK, &stop_signals, nullptr);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 }
 
 bool stop_requested()
 {
-    return stop_flag.load();
-}
-
-int start_receiving()
-{
+    if (stop_flag.load())
+        return true;
     sigset_t stop_signals;
-    sigset_t previous;
     stop_signal_set(&stop_signals);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, &previous);
-    const int started = ModulePeerStart();
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    return started;
+    const timespec now = {0, 0};
+    int taken;
+    do {
+        taken = sigtimedwait(&stop_signals, nullptr, &now);
+    } while (taken < 0 && errno == EINTR);
+    if (taken > 0)
+        stop_flag.store(true);
+    return stop_flag.load();
 }

@@ -4,16 +4,17 @@
 #ifndef ORVD_SIM_BUS_STOP_SIGNALS_H
 #define ORVD_SIM_BUS_STOP_SIGNALS_H
 
-// Lets SIGTERM and SIGINT set the flag stop_requested() reads, and unblocks the two, which a
-// parent may have left blocked. SIGPIPE is ignored: a closed output or peer shows up as a
-// failed write instead.
+// Blocks SIGTERM and SIGINT in the calling thread, and so in every thread it makes afterwards:
+// call it first, before any thread exists. The two then stay pending until stop_requested()
+// takes them. Taking them synchronously, rather than in a handler, means no runtime in between
+// (a sanitizer's defers handlers) can lose one. A handler is installed all the same, for a
+// thread that unblocks them. SIGPIPE is ignored: a closed output or peer shows up as a failed
+// write instead.
 void catch_stop_signals();
-bool stop_requested();
 
-// ModulePeerStart(), its result, with the bus library's receiving thread shielded from SIGTERM
-// and SIGINT. A signal delivered to that thread while it waits in the kernel may not run the
-// handler until a message arrives (a sanitizer runtime defers it), and a main loop waiting for
-// stop_requested() would never stop. The thread inherits the mask in force when it is made.
-int start_receiving();
+// True once SIGTERM or SIGINT has come. Never blocks; callers look at least every few
+// milliseconds and do not wait in the kernel for long, since a blocked signal does not
+// interrupt a waiting call.
+bool stop_requested();
 
 #endif

@@ -24,15 +24,17 @@ constexpr int relay_fd = 3;
 // How long the relay sleeps between looks at its receive queue while it is empty.
 constexpr int queue_poll_ms = 2;
 
-// The simulator blocks these signals to read them through a signalfd; the relay takes them
-// directly so that it can leave the bus before it ends.
+// The simulator blocks signals to read them through a signalfd; the relay unblocks all but the
+// two that ask it to stop, which it takes in its loop so that it can leave the bus before it
+// ends. Its waits are short: it looks every few milliseconds, and a reply it waits for ends
+// when the simulator closes its end.
 void take_signals()
 {
-    catch_stop_signals();
     signal(SIGCHLD, SIG_DFL);
     sigset_t all;
     sigfillset(&all);
     sigprocmask(SIG_UNBLOCK, &all, nullptr);
+    catch_stop_signals();
 }
 
 void report(frame_kind kind, const std::string& text)
@@ -87,7 +89,7 @@ void pass_on(const message_s& message, const char* name)
                                        ") is taken, or the bus cannot be used");
         std::_Exit(1);
     }
-    if (start_receiving() != 0) {
+    if (ModulePeerStart() != 0) {
         report(frame_kind::failed, "cannot receive as module " + std::to_string(module));
         FreeLibParams();
         std::_Exit(1);
