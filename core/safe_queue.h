@@ -37,6 +37,12 @@ public:
         notifier = notify;
     }
 
+    bool empty()
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return items.empty();
+    }
+
     // Hands the front item to consume outside the lock; false when the queue was empty.
     bool dequeue(const std::function<void(const T&)>& consume)
     {

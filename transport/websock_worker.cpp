@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "core/free_memory.h"
 #include "core/json_reader.h"
 #include "core/json_writer.h"
 #include "core/trace.h"
@@ -82,7 +83,8 @@ websock_worker::websock_worker(safe_queue& to_server_queue, safe_queue& from_ser
       service_name(get_name().c_str()), service_type(type), to_server(to_server_queue),
       from_server(from_server_queue), lws_ctx(nullptr), lws_callback_fn(nullptr), lws_log_fn(nullptr),
       host(server_host != nullptr ? server_host : ""), path(server_path != nullptr ? server_path : ""),
-      port(server_port), rx_buffer(std::make_shared<buffer_info_t>()), missed_pongs(0), alive(false),
+      port(server_port), rx_buffer(std::make_shared<buffer_info_t>()), rx_discarding(false), tx_offset(0),
+      missed_pongs(0), alive(false),
       established(false), closed(false), unlinked(false), last_ping_time{},
       ping_timeout_cb([this] { ping_timeout(); }), current_delay(initial_connection_delay),
       initial_delay(initial_connection_delay), max_delay(max_connection_delay), context_info{},
@@ -123,9 +125,30 @@ bool websock_worker::__connect()
 
 bool websock_worker::execute()
 {
+    // The service call waits until socket I/O, a producer's wake-up or the 100 ms tick. That
+    // wait is the round's idle pause: the loop adds none of its own, so a message read or
+    // queued never waits out a sleep, and an idle link still wakes only every 100 ms.
     lws_service(lws_ctx, 100);
     timers.process_once();
-    return true;
+    request_writable_when_due();
+    return false;
+}
+
+void websock_worker::request_writable_when_due()
+{
+    if (!established.load(std::memory_order_relaxed) || client_wsi == nullptr)
+        return;
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    // Writable callbacks are asked for only while there is something to write, so the ping
+    // has to ask for its own.
+    if (now.tv_sec - last_ping_time.tv_sec >= ping_interval_s || has_more_to_write())
+        lws_callback_on_writable(client_wsi);
+}
+
+bool websock_worker::has_more_to_write()
+{
+    return tx_message != nullptr || !to_server.empty();
 }
 
 void websock_worker::__disconnect()
@@ -138,6 +161,15 @@ void websock_worker::__disconnect()
     timers.del_timer(ping_timer_id);
     destroy_context();
     client_wsi = nullptr;
+    // What was half sent or half received belongs to the lost link: it is gone, like a
+    // message that failed to be written.
+    const bool held_large = tx_message != nullptr || rx_buffer->size > send_fragment_size;
+    tx_message.reset();
+    tx_offset = 0;
+    rx_buffer = std::make_shared<buffer_info_t>();
+    rx_discarding = false;
+    if (held_large)
+        return_free_memory();
 }
 
 void websock_worker::destroy_context()
@@ -162,6 +194,8 @@ int websock_worker::_connect()
     protocols[0].name = service_name;
     protocols[0].callback = lws_callback_fn;
     protocols[0].user = this;
+    // One send() may carry a whole fragment; the library buffers what the socket does not take.
+    protocols[0].tx_packet_size = send_fragment_size;
     alive = true;
 
     context_info.port = CONTEXT_PORT_NO_LISTEN;
@@ -361,10 +395,16 @@ void websock_worker::process_client_writeable(lws* wsi)
         timers.add_timer(ping_timeout_cb, ping_timer_id, ping_timeout_s);
     }
 
-    to_server.dequeue(
-        [this, wsi](const std::shared_ptr<buffer_info_t>& message) { process_client_writeable_dequeue_cb(wsi, message); });
-    // One message per callback: ask for the next one in every case.
-    lws_callback_on_writable(wsi);
+    if (tx_message != nullptr)
+        send_next_fragment(wsi);
+    else
+        to_server.dequeue([this, wsi](const std::shared_ptr<buffer_info_t>& message) {
+            process_client_writeable_dequeue_cb(wsi, message);
+        });
+    // One message, or one fragment of a long one, per callback; the next callback is asked
+    // for only while more is waiting, so an idle link does not spin.
+    if (has_more_to_write())
+        lws_callback_on_writable(wsi);
 }
 
 void websock_worker::process_client_writeable_dequeue_cb(lws* wsi, const std::shared_ptr<buffer_info_t>& message)
@@ -373,7 +413,30 @@ void websock_worker::process_client_writeable_dequeue_cb(lws* wsi, const std::sh
     message->dump();
     if (process_internal_message(message) != 0)
         return;
-    lws_send(wsi, message->data, static_cast<int>(message->size), LWS_WRITE_TEXT);
+    if (message->size <= send_fragment_size) {
+        lws_send(wsi, message->data, static_cast<int>(message->size), LWS_WRITE_TEXT);
+        return;
+    }
+    tx_message = message;
+    tx_offset = 0;
+    send_next_fragment(wsi);
+}
+
+void websock_worker::send_next_fragment(lws* wsi)
+{
+    const uint32_t left = tx_message->size - tx_offset;
+    const uint32_t piece = left < send_fragment_size ? left : send_fragment_size;
+    const bool first = tx_offset == 0;
+    const bool last = piece == left;
+    const auto type = static_cast<lws_write_protocol>(lws_write_ws_flags(LWS_WRITE_TEXT, first, last));
+    const int written = lws_send(wsi, tx_message->data + tx_offset, static_cast<int>(piece), type);
+    tx_offset += piece;
+    if (written >= 0 && !last)
+        return;
+    // Sent, or gone with a failed write like any message: either way its memory goes back.
+    tx_message.reset();
+    tx_offset = 0;
+    return_free_memory();
 }
 
 int websock_worker::lws_send(lws* wsi, char* data, int len, lws_write_protocol type) const
@@ -402,7 +465,21 @@ int websock_worker::process_client_receive(lws* wsi, void*, void* in, size_t len
 
 int websock_worker::process_client_receive_fragment(void* in, size_t len, bool is_final, size_t remaining)
 {
-    if (!is_final || remaining != 0) {
+    const bool ends_message = is_final && remaining == 0;
+    if (rx_discarding || rx_buffer->size + static_cast<uint64_t>(len) > max_received_message) {
+        if (!rx_discarding) {
+            trace.error("%s->%s: message longer than %u bytes dropped\n", service_name, "process_client_receive",
+                        max_received_message);
+            rx_buffer = std::make_shared<buffer_info_t>();
+            rx_discarding = true;
+            return_free_memory();
+        }
+        // The rest of the message is skipped; the link and the next message are kept.
+        if (ends_message)
+            rx_discarding = false;
+        return ends_message ? -1 : 0;
+    }
+    if (!ends_message) {
         trace.debug("%s->%s: Get incomplete packet, beginning len %d, remaining len %d\n", service_name,
                     "process_client_receive", static_cast<int>(len), static_cast<int>(remaining));
         rx_buffer->append(static_cast<const char*>(in), static_cast<unsigned>(len));

@@ -7,6 +7,7 @@
 #include <libwebsockets.h>
 
 #include <atomic>
+#include <cstdint>
 #include <ctime>
 #include <functional>
 #include <memory>
@@ -41,6 +42,15 @@ public:
     // One received piece of a message, as the library reports it.
     int process_client_receive_fragment(void* in, size_t len, bool is_final, size_t remaining);
 
+    // The longest message taken from the service: the largest the protocol sends (a
+    // fast-transition document for 33 VAPs of 1,025 peers each, about 7 MB compact and at
+    // most about 13 MB with long escaped key-holder texts) passes; a longer one is dropped
+    // so that a broken service cannot exhaust a router's memory.
+    static constexpr uint32_t max_received_message = 16u * 1024 * 1024;
+    // A longer outgoing message goes out as fragments of this size, so that pings can be
+    // sent between them and no more than one fragment is ever copied or buffered.
+    static constexpr uint32_t send_fragment_size = 64u * 1024;
+
     const char* get_service_name() const { return service_name; }
     bool is_established() const { return established.load(std::memory_order_relaxed); }
     bool is_unlinked() const { return unlinked; }
@@ -65,6 +75,9 @@ private:
     void process_client_receive_pong();
     void process_client_writeable(lws* wsi);
     void process_client_writeable_dequeue_cb(lws* wsi, const std::shared_ptr<buffer_info_t>& message);
+    void send_next_fragment(lws* wsi);
+    bool has_more_to_write();
+    void request_writable_when_due();
     void process_protocol_destroy();
     void process_event_wait_cancelled();
     void process_internal_unlink();
@@ -86,6 +99,11 @@ private:
     std::string path;
     int port;
     std::shared_ptr<buffer_info_t> rx_buffer;
+    // Set while the rest of a message that grew past max_received_message is skipped.
+    bool rx_discarding;
+    // The message being sent in fragments, and how much of it has gone out.
+    std::shared_ptr<buffer_info_t> tx_message;
+    uint32_t tx_offset;
     int missed_pongs;
     // The link may keep running; condition() reports it. (The base's own `alive` is the
     // result of the last connect.)

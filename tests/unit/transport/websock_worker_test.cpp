@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -257,6 +258,62 @@ TEST_F(websock_worker_test, a_final_piece_without_data_keeps_what_was_gathered)
     char b[] = "!";
     worker.process_client_receive_fragment(b, 1, true, 0);
     EXPECT_EQ(drain(from_server), std::vector<std::string>{"kept!"});
+}
+
+// Feeds `total` bytes of 'x' as pieces of at most 1 MiB, the last one final.
+void feed_message(websock_worker& worker, size_t total)
+{
+    static std::vector<char> piece(1024 * 1024, 'x');
+    size_t left = total;
+    do {
+        const size_t n = left < piece.size() ? left : piece.size();
+        left -= n;
+        worker.process_client_receive_fragment(piece.data(), n, left == 0, 0);
+    } while (left > 0);
+}
+
+TEST_F(websock_worker_test, a_message_of_the_largest_accepted_size_is_delivered)
+{
+    auto worker = make(0, 0);
+    feed_message(worker, websock_worker::max_received_message);
+    std::vector<std::string> got = drain(from_server);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].size(), websock_worker::max_received_message);
+}
+
+TEST_F(websock_worker_test, a_longer_message_is_dropped_with_an_error_and_the_next_one_is_delivered)
+{
+    auto worker = make(0, 0);
+    log_capture log;
+    feed_message(worker, websock_worker::max_received_message + 1);
+    EXPECT_TRUE(drain(from_server).empty());
+    EXPECT_TRUE(log.contains("websock-roaming->process_client_receive: message longer than 16777216 bytes dropped\n"));
+    EXPECT_TRUE(log.mentions(VLR_LOG_ERROR, "message longer than"));
+    const auto texts = log.texts();
+    EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
+                            [](const std::string& text) { return text.find("message longer than") != std::string::npos; }),
+              1);  // once per message, not per piece
+
+    char next[] = "next";
+    worker.process_client_receive_fragment(next, 4, true, 0);
+    EXPECT_EQ(drain(from_server), std::vector<std::string>{"next"});
+}
+
+TEST_F(websock_worker_test, the_pieces_after_the_limit_are_skipped_up_to_the_end_of_that_message)
+{
+    auto worker = make(0, 0);
+    feed_message(worker, websock_worker::max_received_message);
+    drain(from_server);
+    std::vector<char> big(websock_worker::max_received_message, 'y');
+    char tail[] = "tail", next[] = "next";
+    worker.process_client_receive_fragment(big.data(), big.size(), false, 0);
+    worker.process_client_receive_fragment(tail, 4, false, 0);  // past the limit
+    worker.process_client_receive_fragment(tail, 4, false, 0);  // skipped
+    EXPECT_TRUE(drain(from_server).empty());
+    worker.process_client_receive_fragment(tail, 4, true, 0);  // ends the dropped message
+    EXPECT_TRUE(drain(from_server).empty());
+    worker.process_client_receive_fragment(next, 4, true, 0);
+    EXPECT_EQ(drain(from_server), std::vector<std::string>{"next"});
 }
 
 TEST_F(websock_worker_test, notices_carry_the_envelope_only)
