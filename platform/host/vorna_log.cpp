@@ -1,6 +1,7 @@
 // Host log library: every call becomes one line on standard error,
 //   "2026-11-22 10:00:00.123 orvd debug: text\n"
-// written with a single write(2) so that lines from concurrent threads never interleave.
+// written with a single write(2) so that lines from concurrent threads never interleave, and
+// without blocking when standard error is a pipe or a terminal (log_sink.h).
 //
 // The library is used while other translation units are still being initialised (a global
 // object names the daemon from its constructor), so it keeps only constant-initialised state.
@@ -26,6 +27,7 @@
 
 #include <unistd.h>
 
+#include "log_sink.h"
 #include "log_stamp.h"
 
 namespace {
@@ -155,18 +157,19 @@ char* format_text(const char* format, va_list args, char* stack, char** heap, si
     return block + header_room;
 }
 
-void write_all(int fd, const char* data, size_t length)
+// Lines dropped because the reader did not keep up are reported, with their number, before the
+// next line that finds room.
+void report_dropped_lines()
 {
-    while (length > 0) {
-        ssize_t written = ::write(fd, data, length);
-        if (written < 0) {
-            if (errno == EINTR)
-                continue;
-            return;
-        }
-        data += written;
-        length -= static_cast<size_t>(written);
-    }
+    const unsigned count = log_sink::take_dropped();
+    if (count == 0)
+        return;
+    char notice[header_room + 96];
+    size_t head = format_header(VLR_LOG_WARNING, notice, header_room - 1);
+    int text = std::snprintf(notice + head, sizeof notice - head, "%u log lines dropped: the log reader did not keep up\n",
+                             count);
+    if (text <= 0 || !log_sink::write_line(notice, head + static_cast<size_t>(text)))
+        log_sink::add_dropped(count);
 }
 
 // `text` comes from format_text: header_room bytes before it and its NUL are free to use.
@@ -179,7 +182,8 @@ void write_line(vlr_log_level_t level, char* text, size_t length)
     size_t total = head + length;
     if (length == 0 || text[length - 1] != '\n')
         line[total++] = '\n';
-    write_all(STDERR_FILENO, line, total);
+    report_dropped_lines();
+    log_sink::write_line(line, total);
 }
 
 }  // namespace
