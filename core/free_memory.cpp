@@ -10,3 +10,10 @@ void return_free_memory()
     malloc_trim(0);
 #endif
 }
+
+void map_large_blocks_apart()
+{
+#ifdef __GLIBC__
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+#endif
+}

@@ -7,4 +7,10 @@
 // musl) it does nothing, since those give large blocks back when they are freed.
 void return_free_memory();
 
+// Makes every large block (128 KiB and more: a report, a long message) a mapping of its own,
+// given back to the system when it is freed. glibc otherwise raises that threshold each time
+// such a block is freed, so the next report would be built on the heap, copied as it grows and
+// kept there afterwards. Called once at start-up; a no-op outside glibc.
+void map_large_blocks_apart();
+
 #endif

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <memory>
 
+#include "core/free_memory.h"
 #include "core/run_flags.h"
 #include "core/run_mode.h"
 #include "core/safe_queue.h"
@@ -66,6 +67,7 @@ int run_rrm_mode(const websock_cfg_t& config)
 int main(int argc, char** argv)
 {
     init_vorna_logrotate("ORVD");
+    map_large_blocks_apart();
     srand(static_cast<unsigned>(time(nullptr)));
     prctl(PR_SET_NAME, "orvd:main", 0, 0, 0);
 
