@@ -4,7 +4,9 @@
 orvd (emulated driver preloaded, log_level=0x03) runs against orvd-vdev's default scenario and
 the reference service, subscribed with hostapd up. Measured:
 - "rrm-request-mode" -> "rrm-mode-response", N requests one at a time: from the start of the
-  service's send to the answer's arrival at the service; p50, p90, p99, max;
+  service's send to the answer's arrival at the service; p50, p90, p99, max. Between an answer
+  and the next request the service waits a random 0-200 ms (the same sequence every run), as a
+  service's requests come at any moment, so that they do not lock onto orvd's rounds;
 - handshake -> subscribe-request over several reconnects: the service closes the link, orvd
   connects again (its reconnect delay is not counted) and the time runs from the service's
   record of the opening handshake to the arrival of the first subscribe-request on it.
@@ -14,6 +16,7 @@ Usage: bench/latency_bench.py [--build DIR] [--short] [--requests N] [--reconnec
 Exit status 1 when a goal is missed.
 """
 import pathlib
+import random
 import sys
 import tempfile
 import time
@@ -31,8 +34,10 @@ def ms(seconds):
 
 
 def request_latencies(ap, count):
+    pauses = random.Random(11)
     samples = []
     for _ in range(count):
+        time.sleep(pauses.uniform(0.0, 0.2))
         n = ap.count("rrm-mode-response") + 1
         started = time.monotonic()
         ap.service.send_rrm_request_mode(conn=ap.conn)
