@@ -96,6 +96,8 @@ public:
     void post_rrm_response();
     void post_rrm_response_timeout();
     void clear_rf_environment();
+    // Posts the report, empties the tables and gives the memory they held back to the system.
+    void finish_rrm_response();
 
     // Radio configuration (rrm_config.cpp).
     void process_rrm_info(json_reader& message);
