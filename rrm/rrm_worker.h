@@ -19,6 +19,7 @@
 #include "core/json_reader.h"
 #include "core/json_writer.h"
 #include "core/safe_queue.h"
+#include "core/wake_event.h"
 #include "driver/driver_interface.h"
 #include "rrm/sta_table.h"
 
@@ -166,6 +167,8 @@ protected:
     int fbt_reassoc_deadline;
     bool fbt_over_ds;
     uint16_t mobility_domain;
+    // Signalled once per message put on incoming_queue; the driver's pacing wait ends on it.
+    wake_event wake;
 };
 
 #endif
