@@ -57,8 +57,15 @@ TEST(json_stream, integers_are_written_as_json_c_writes_them)
 TEST(json_stream, strings_and_keys_are_escaped_as_json_c_escapes_them)
 {
     const std::string bytes = every_byte();
-    const char* const texts[] = {"", "plain", "a\"b", "back\\slash", "a/b", "line\nbreak\ttab\r\b\f",
-                                 "\x01\x1f\x7f", "caf\xc3\xa9", bytes.c_str()};
+    const char* const texts[] = {"",
+                                 "plain",
+                                 "a\"b",
+                                 "back\\slash",
+                                 "a/b",
+                                 "line\nbreak\ttab\r\b\f",
+                                 "\x01\x1f\x7f",
+                                 "caf\xc3\xa9",
+                                 bytes.c_str()};
     json_writer tree("", "", "", "");
     json_stream stream(16);
     stream.open_object(nullptr);

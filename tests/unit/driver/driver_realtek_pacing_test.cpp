@@ -20,7 +20,8 @@ protected:
     int pace(const driver_realtek& driver)
     {
         bool called = false;
-        const int result = driver.process_driver_events([&called](const driver_event_desc&) { called = true; });
+        const int result =
+            driver.process_driver_events([&called](const driver_event_desc&) { called = true; });
         EXPECT_FALSE(called);
         return result;
     }

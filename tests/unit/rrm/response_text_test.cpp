@@ -89,7 +89,8 @@ protected:
     std::string streamed_text(const char* domain, const tables_t& tables)
     {
         json_writer message = head(domain);
-        std::shared_ptr<buffer_info_t> text = rrm_response_text(message, tables.data(), tables.size(), driver);
+        std::shared_ptr<buffer_info_t> text =
+            rrm_response_text(message, tables.data(), tables.size(), driver);
         if (!text)
             return "<null>";
         EXPECT_EQ(text->data[text->size], '\0');
@@ -137,7 +138,8 @@ TEST_F(response_text_test, empty_tables_between_full_ones_add_no_list)
 
 TEST_F(response_text_test, every_table_full_matches_the_tree)
 {
-    const tables_t tables = {table_of(7, 0), table_of(8, 7), table_of(9, 15), table_of(10, 24), table_of(11, 34)};
+    const tables_t tables = {table_of(7, 0), table_of(8, 7), table_of(9, 15), table_of(10, 24),
+                             table_of(11, 34)};
     EXPECT_EQ(streamed_text("lab", tables), tree_text("lab", tables));
 }
 
