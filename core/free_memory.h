@@ -1,10 +1,10 @@
-// Hands memory the process freed back to the system. A report of several megabytes is built and
-// sent now and then; a router with 64 MB must not keep that much reserved between reports.
+// Gives heap memory that has been freed back to the system. The C library keeps freed memory
+// in its arenas for reuse, so after a burst (the largest rf-environment report takes several
+// megabytes for a moment) the process would stay that large for good. Called after such a
+// burst, not on every free: trimming walks the whole heap.
 #ifndef ORVD_CORE_FREE_MEMORY_H
 #define ORVD_CORE_FREE_MEMORY_H
 
-// Returns free heap pages to the system where the C library can (glibc); elsewhere (uClibc,
-// musl) it does nothing, since those give large blocks back when they are freed.
 void return_free_memory();
 
 // Makes every large block (128 KiB and more: a report, a long message) a mapping of its own,

@@ -10,6 +10,8 @@
 
 #include "driver/radio_types.h"
 
+class wake_event;
+
 class driver_interface {
 public:
     virtual bool get_obss_coex(char const* ifname) const = 0;
@@ -97,6 +99,9 @@ public:
     virtual void probsup_rrm_client_try_no_balance(char const* ifname, int tries) const = 0;
     virtual void rssi_renew_interval(char const* ifname, int interval) const = 0;
     virtual void disassoc_sta(char const* ifname, char const* mac) const = 0;
+    // The agent's wake-up (null: none). process_driver_events paces the agent's loop and must
+    // end its wait, taking one wake-up, as soon as one is pending: a message has arrived.
+    virtual void set_wake_event(wake_event* event) = 0;
 
     virtual ~driver_interface() = default;
 };

@@ -59,7 +59,7 @@ const vap_context_s* interface_context::get_vap(int id) const
 }
 
 driver_realtek::driver_realtek(volatile bool& run_flag)
-    : running(run_flag), factory{}, in_progress(false), hostapd_initialized(true)
+    : running(run_flag), factory{}, in_progress(false), hostapd_initialized(true), wake(nullptr)
 {
     factory_data_t data{};
     if (libfactory_load(&data) == 0) {

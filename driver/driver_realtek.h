@@ -105,6 +105,7 @@ public:
     void probsup_rrm_client_try_no_balance(char const* ifname, int tries) const override;
     void rssi_renew_interval(char const* ifname, int interval) const override;
     void disassoc_sta(char const* ifname, char const* mac) const override;
+    void set_wake_event(wake_event* event) override;
 
     // Look-ups and configuration reads the operations above are built on.
     interface_context* get_radio(int radio);
@@ -167,6 +168,7 @@ private:
     bool hostapd_initialized;
     interface_context contexts[context_count];
     daemon_requests daemons;
+    wake_event* wake;  // the agent's, while it runs; paces process_driver_events
 };
 
 // The single driver of the process, built on the first call with the process run flag.

@@ -6,10 +6,14 @@
 #include <cstdlib>
 
 #include "core/trace.h"
+#include "core/wake_event.h"
 #include "device_root.h"
 #include "driver/driver_realtek.h"
 
 namespace {
+
+// The longest the agent's loop waits for work between two rounds.
+const int pacing_ms = 100;
 
 // The per-VAP command file of the driver's neighbour-report list.
 std::string neighbour_report_file(const char* vap)
@@ -108,9 +112,18 @@ void driver_realtek::clear_rrm_nbr_ap_list(char const* ifname) const
     fclose(file);
 }
 
-// This driver delivers no events: the call only paces the agent's loop.
+// This driver delivers no events: the call only paces the agent's loop. It waits 100 ms, or
+// less when the agent has been woken (a message arrived), so that a message is handled at once
+// while an idle agent still runs only ten rounds a second.
 int driver_realtek::process_driver_events(std::function<void(const driver_event_desc&)>) const
 {
-    timeval wait{0, 100000};
-    return select(0, nullptr, nullptr, nullptr, &wait);
+    if (wake != nullptr)
+        return wake->wait(pacing_ms);
+    timeval pause{0, pacing_ms * 1000};
+    return select(0, nullptr, nullptr, nullptr, &pause);
+}
+
+void driver_realtek::set_wake_event(wake_event* event)
+{
+    wake = event;
 }

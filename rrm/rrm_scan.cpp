@@ -1,43 +1,18 @@
 // Scans on the RRM service's request and the "rrm-response" that reports what they heard. A
 // standard scan runs in five passes, each filling its own table; the driver's own RRM scan runs
 // once and may answer after a second delay.
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "core/free_memory.h"
 #include "core/trace.h"
+#include "rrm/rrm_response_text.h"
 #include "rrm/rrm_worker.h"
 
 namespace {
 
 // Channels from 36 upwards are 5 GHz channels.
 const unsigned first_5ghz_channel = 36;
-
-// "%02x:%02x:%02x:%02x:%02x:%02x" of the neighbour's BSSID, as the service expects it.
-std::string bssid_text(const unsigned char (&bssid)[6])
-{
-    char text[18];
-    snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", bssid[0], bssid[1], bssid[2], bssid[3],
-             bssid[4], bssid[5]);
-    return text;
-}
-
-// One neighbour of the "rf-environment" lists.
-void insert_neighbour(const driver_interface& driver, const json_writer& heard,
-                      const scan_result_entry& entry)
-{
-    json_writer neighbour = heard.make_subobject(nullptr);
-    if (neighbour.fail())
-        return;
-    neighbour.insert_string("bssid", bssid_text(entry.bssid).c_str());
-    neighbour.insert_int("rssi", entry.rssi);
-    neighbour.insert_int("channel", entry.channel);
-    neighbour.insert_int("tx-power", entry.tx_power);
-    // The entry keeps the chanspec's primary bits as they are; the driver knows how to name them.
-    const char* primary = driver.primary_channel_to_string(entry.primary, entry.bandwidth);
-    neighbour.insert_string("primary-channel", primary == nullptr ? "" : primary);
-    neighbour.insert_int("bandwidth", entry.bandwidth);
-}
 
 }  // namespace
 
@@ -110,8 +85,7 @@ void rrm_worker::scan_finished()
         driver.fill_ap_table(table);
         ++scan_pass;
         if (scan_pass >= scan_passes) {
-            post_rrm_response();
-            clear_rf_environment();
+            finish_rrm_response();
             return;
         }
         int duration = 0;
@@ -123,19 +97,16 @@ void rrm_worker::scan_finished()
 
     driver.stop(true);
     driver.fill_ap_table_vorna_rrm(table);
-    if (response_delay == 0) {
-        post_rrm_response();
-        clear_rf_environment();
-    } else {
+    if (response_delay == 0)
+        finish_rrm_response();
+    else
         timers.add_timer(post_rrm_response_timeout_cb, TIMER_RESPONSE_DELAY, response_delay);
-    }
 }
 
 void rrm_worker::post_rrm_response_timeout()
 {
     timers.del_timer(TIMER_RESPONSE_DELAY);
-    post_rrm_response();
-    clear_rf_environment();
+    finish_rrm_response();
 }
 
 void rrm_worker::post_rrm_response()
@@ -148,27 +119,28 @@ void rrm_worker::post_rrm_response()
     message.insert_string("domain", domain.c_str());
     if (!insert_radios(message))
         return;
-    json_writer environment = message.make_array("rf-environment");
     // Out of memory: a report without its environment would tell the service that nothing is
     // around, so none is sent.
-    if (environment.fail())
-        return;
-    for (const ap_table& table : rf_environment) {
-        // A pass that heard nothing adds no list, so the lists do not say which pass they are from.
-        if (table.empty())
-            continue;
-        json_writer heard = environment.make_array(nullptr);
-        if (heard.fail())
-            continue;
-        for (const scan_result_entry& entry : table)
-            insert_neighbour(driver, heard, entry);
-    }
-    post(message);
+    std::shared_ptr<buffer_info_t> text =
+        rrm_response_text(message, rf_environment.data(), rf_environment.size(), driver);
+    if (text)
+        outgoing_queue.enqueue(text);
+}
+
+void rrm_worker::finish_rrm_response()
+{
+    post_rrm_response();
+    clear_rf_environment();
+    // The tables and the json-c head are gone; the report text itself is freed by the WebSocket
+    // worker once sent.
+    return_free_memory();
 }
 
 void rrm_worker::clear_rf_environment()
 {
-    // clear() keeps each table's capacity, so the next scan fills them without reallocating.
+    // The tables give their memory up: a full report holds up to 46,800 entries, and keeping
+    // that capacity between scans (minutes or hours apart) would keep the agent that large for
+    // good. The next scan grows them again.
     for (ap_table& table : rf_environment)
-        table.clear();
+        ap_table().swap(table);
 }

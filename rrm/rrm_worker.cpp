@@ -58,6 +58,10 @@ rrm_worker::rrm_worker(driver_interface& radio_driver, safe_queue& incoming, saf
     remove_file(notify_config_updated);
     remove_file(notify_timezone_changed);
     trace.set_log_level(orvd_log_level);
+    // A message for the agent ends the driver's pacing wait at once. The notifier runs on the
+    // WebSocket worker's thread under the queue's lock, so it only signals.
+    incoming_queue.replace_notifier([this] { wake.signal(); });
+    driver.set_wake_event(&wake);
 }
 
 rrm_worker::~rrm_worker()
@@ -68,6 +72,9 @@ rrm_worker::~rrm_worker()
     clear_802dot11k();
     driver.init();
     driver.close_vapcontext();
+    // The queue and the driver outlive the agent; neither may reach its wake-up any more.
+    incoming_queue.replace_notifier([] {});
+    driver.set_wake_event(nullptr);
 }
 
 bool rrm_worker::__connect()
@@ -99,8 +106,9 @@ bool rrm_worker::execute()
     if (!driver.is_in_progress())
         pending_queue.dequeue(
             [this](const std::shared_ptr<buffer_info_t>& message) { internal_pending_dequeue_cb(message); });
+    // The driver's event wait paces the loop; there is no pause of the worker's own. It ends
+    // early, or does not wait at all, while a message is waiting on incoming_queue.
     driver.process_driver_events([this](const driver_event_desc& event) { process_driver_event(event); });
-    // The driver's event wait paces the loop; there is no pause of the worker's own.
     return true;
 }
 

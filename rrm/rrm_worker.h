@@ -19,6 +19,7 @@
 #include "core/json_reader.h"
 #include "core/json_writer.h"
 #include "core/safe_queue.h"
+#include "core/wake_event.h"
 #include "driver/driver_interface.h"
 #include "rrm/sta_table.h"
 
@@ -96,6 +97,8 @@ public:
     void post_rrm_response();
     void post_rrm_response_timeout();
     void clear_rf_environment();
+    // Posts the report, empties the tables and gives the memory they held back to the system.
+    void finish_rrm_response();
 
     // Radio configuration (rrm_config.cpp).
     void process_rrm_info(json_reader& message);
@@ -164,6 +167,8 @@ protected:
     int fbt_reassoc_deadline;
     bool fbt_over_ds;
     uint16_t mobility_domain;
+    // Signalled once per message put on incoming_queue; the driver's pacing wait ends on it.
+    wake_event wake;
 };
 
 #endif

@@ -41,7 +41,7 @@ void expect_slot(Member member, const char* name, long& expected, std::vector<st
     ++expected;
 }
 
-TEST(driver_interface_test, the_81_operations_take_the_table_slots_in_their_order)
+TEST(driver_interface_test, the_82_operations_take_the_table_slots_in_their_order)
 {
     std::vector<std::string> out_of_place;
     long expected = 0;
@@ -127,8 +127,9 @@ TEST(driver_interface_test, the_81_operations_take_the_table_slots_in_their_orde
     ORVD_SLOT(probsup_rrm_client_try_no_balance);
     ORVD_SLOT(rssi_renew_interval);
     ORVD_SLOT(disassoc_sta);
+    ORVD_SLOT(set_wake_event);
 #undef ORVD_SLOT
-    EXPECT_EQ(expected, 81);
+    EXPECT_EQ(expected, 82);
     EXPECT_TRUE(out_of_place.empty())
         << out_of_place.size() << " out of place, first " << out_of_place.front();
 }

@@ -96,6 +96,7 @@ public:
     void probsup_rrm_client_try_no_balance(char const*, int) const override {}
     void rssi_renew_interval(char const*, int) const override {}
     void disassoc_sta(char const*, char const*) const override {}
+    void set_wake_event(wake_event*) override {}
 };
 
 #endif

@@ -33,6 +33,8 @@ rrm_fixture::rrm_fixture()
     trace.set_log_level(15);
     // The agent's pacing step: the real driver waits 100 ms in it.
     EXPECT_CALL(driver, process_driver_events(_)).Times(AnyNumber()).WillRepeatedly(Return(0));
+    // The agent hands the driver its wake-up when made and takes it back when destroyed.
+    EXPECT_CALL(driver, set_wake_event(_)).Times(AnyNumber());
 }
 
 rrm_fixture::~rrm_fixture()

@@ -483,14 +483,34 @@ TEST_F(scan_test, a_new_rrm_update_stops_a_running_scan_but_not_a_waiting_respon
                                                          {rrm_worker::TIMER_SCAN_DELAY, 25}}));
 }
 
-TEST_F(scan_test, clearing_the_environment_empties_all_five_tables_and_keeps_their_capacity)
+TEST_F(scan_test, clearing_the_environment_empties_all_five_tables_and_gives_up_their_memory)
 {
     for (ap_table& table : agent->rf_environment)
         table.assign(4, corner_cafe);
-    const size_t capacity = agent->rf_environment[2].capacity();
     agent->clear_rf_environment();
     EXPECT_TRUE(environment_empty());
-    EXPECT_EQ(agent->rf_environment[2].capacity(), capacity);
+    for (const ap_table& table : agent->rf_environment)
+        EXPECT_EQ(table.capacity(), 0u);
+}
+
+TEST_F(scan_test, the_tables_hold_no_memory_once_the_fifth_pass_has_been_reported)
+{
+    {
+        InSequence order;
+        expect_start(true, {}, {}, 10);
+        for (unsigned pass = 0; pass < 4; ++pass) {
+            expect_pass_end({corner_cafe, office_5g});
+            EXPECT_CALL(driver, start(true, channel_set{}, channel_set{}, _))
+                .WillOnce(DoAll(SetArgReferee<3>(10), Return(0)));
+        }
+        expect_pass_end({far_printer});
+    }
+    deliver(update(R"("rrm-scan-delay":0)"));
+    for (unsigned pass = 0; pass < 5; ++pass)
+        ASSERT_TRUE(fire(rrm_worker::TIMER_SCAN_PASS));
+    EXPECT_EQ(environment_shape(sent().at(0)), (std::vector<int>{2, 2, 2, 2, 1}));
+    for (const ap_table& table : agent->rf_environment)
+        EXPECT_EQ(table.capacity(), 0u);
 }
 
 }  // namespace

@@ -96,6 +96,7 @@ public:
     MOCK_METHOD(void, probsup_rrm_client_try_no_balance, (char const*, int), (const, override));
     MOCK_METHOD(void, rssi_renew_interval, (char const*, int), (const, override));
     MOCK_METHOD(void, disassoc_sta, (char const*, char const*), (const, override));
+    MOCK_METHOD(void, set_wake_event, (wake_event*), (override));
 };
 
 #endif
