@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -62,6 +64,29 @@ void library_log_hook(int level, const char* line)
 lws_callback_function* const trampolines[] = {callback_trampoline<0>, callback_trampoline<1>,
                                                callback_trampoline<2>};
 void (*const log_hooks[])(int, const char*) = {library_log_hook<0>, library_log_hook<1>, library_log_hook<2>};
+
+bool has_word(const char* text, size_t length, const char* word, bool any_case)
+{
+    const char* end = text + length;
+    const size_t word_length = strlen(word);
+    auto same = [any_case](char a, char b) {
+        return any_case ? tolower(static_cast<unsigned char>(a)) == tolower(static_cast<unsigned char>(b)) : a == b;
+    };
+    return std::search(text, end, word, word + word_length, same) != end;
+}
+
+// Whether a message can be internal or carry the time-zone command. Parsing a report of
+// several megabytes into a tree only to find it is neither would take ten times its size. The
+// words can only be written out or with \u escapes, so a text with neither word and no \u
+// escape cannot be either; any other text is parsed as always.
+bool may_concern_this_worker(const buffer_info_t& message)
+{
+    if (message.data == nullptr)
+        return true;
+    const char* text = message.data;
+    return has_word(text, message.size, "\\u", false) || has_word(text, message.size, "internal-ipc", true) ||
+           has_word(text, message.size, "update-timezone", false);
+}
 
 }  // namespace
 
@@ -522,6 +547,8 @@ void websock_worker::notify_disconnected() const
 
 int websock_worker::process_internal_message(const std::shared_ptr<buffer_info_t>& message)
 {
+    if (!may_concern_this_worker(*message))
+        return 0;
     json_reader reader(static_cast<const char*>(message->data));
     if (reader.fail())
         return 0;  // not internal: sent to the server as it is

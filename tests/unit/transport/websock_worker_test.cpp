@@ -152,6 +152,17 @@ TEST_F(websock_worker_test, service_and_command_are_compared_without_case)
     EXPECT_TRUE(worker.is_unlinked());
 }
 
+TEST_F(websock_worker_test, an_internal_message_written_with_escapes_is_still_recognised)
+{
+    auto worker = make(0, 0);
+    EXPECT_EQ(worker.process_internal_message(
+                  text_buffer(R"({"service":"internal\u002dipc","cmd":"st\u0061tus"})")),
+              1);
+    EXPECT_EQ(drain(from_server), std::vector<std::string>{disconnected_notice});
+    EXPECT_EQ(worker.process_internal_message(text_buffer(R"({"service":"internal-ipcs","cmd":"status"})")), 0);
+    EXPECT_EQ(worker.process_internal_message(text_buffer(R"({"service":"rrm","cmd":"internal-ipc"})")), 0);
+}
+
 TEST_F(websock_worker_test, other_internal_commands_are_consumed_and_ignored)
 {
     auto worker = make(0, 0);
