@@ -15,6 +15,7 @@ constexpr unsigned row_bytes = 32;
 constexpr unsigned rows_before_skipping = 401;
 constexpr unsigned rows_kept = 50;
 const char dump_title[] = "Buffer info dump:\n";
+constexpr uint32_t largest_tree_dump = 64 * 1024;
 const char skip_line[] = "\t....part of message are skipped...\n";
 
 // Bytes are formatted through their signed value on purpose, so 0x80..0xFF print as eight
@@ -144,7 +145,11 @@ void buffer_info_t::dump() const
     if (!trace.is_debug_enabled())
         return;
 
-    if (cfg_t* tree = cfg_parse_buffer(data)) {
+    // Large messages are cut in the dump. Re-serializing one as a tree would log it whole and
+    // take about ten times its size while doing so (60 MB for the largest report): at debug
+    // level a router would run out of memory. So only a message up to 64 KiB is offered to the
+    // tree parser; a longer one gets the cut hexadecimal form.
+    if (cfg_t* tree = size <= largest_tree_dump ? cfg_parse_buffer(data) : nullptr) {
         char* text = cfg_serialize(tree);
         trace.debug("Buffer info dump:\n%s", text != nullptr ? text : "");
         free(text);
@@ -154,8 +159,10 @@ void buffer_info_t::dump() const
 
     const unsigned rows = size / row_bytes;
     const unsigned rest = size % row_bytes;
+    // Room for the rows written, not for all of them: a long message writes 99.
+    const unsigned written_rows = rows >= rows_before_skipping ? 2 * rows_kept - 1 : rows;
     const size_t capacity =
-        sizeof(dump_title) + sizeof(skip_line) + (static_cast<size_t>(rows) + 1) * worst_row_length + 1;
+        sizeof(dump_title) + sizeof(skip_line) + (static_cast<size_t>(written_rows) + 1) * worst_row_length + 1;
     dump_text text(capacity);
     if (!text.ok())
         return;
