@@ -102,7 +102,14 @@ def make_vdev(device_root):
 
 
 @pytest.fixture
-def make_ap(tmp_path, device_root, controller, make_vdev):
+def orvd_log_level():
+    """The log mask of the RRM-mode orvd make_ap starts; None is the harness's default (info
+    level, or ORVD_TEST_LOG_LEVEL when set). A test file overrides this fixture to pin one."""
+    return None
+
+
+@pytest.fixture
+def make_ap(tmp_path, device_root, controller, make_vdev, orvd_log_level):
     """make_ap(scenario=None, hostapd=True, **config) starts orvd-vdev (hostapd stopped first
     when hostapd is False) and orvd in RRM mode against the controller; returns an
     harness.rrm.AccessPoint. orvd is killed after the test, before the service checks what it
@@ -112,6 +119,7 @@ def make_ap(tmp_path, device_root, controller, make_vdev):
     made = []
 
     def make(scenario=None, hostapd=True, **config):
+        config.setdefault("log_level", orvd_log_level)
         vdev = make_vdev(scenario)
         if not hostapd:
             result = vdev.ctl("hostapd", "stop")

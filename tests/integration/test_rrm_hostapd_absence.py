@@ -3,11 +3,21 @@ within the grace, the agent goes on and reports the radios again; gone for longe
 leaves hostapd and waits for it in its connect loop, while the link to the service stays up."""
 import time
 
+import pytest
+
+from harness.programs import DEBUG_LOG_LEVEL
 from harness.rrm import TIMEOUT, log_times, networkd_requests, wait_requests
 
 # The agent compares whole seconds and checks its markers every 100 ms or so.
 SLACK = 1.5
 GRACE = 60
+
+
+@pytest.fixture
+def orvd_log_level():
+    """At debug level, always: these tests wait out real timers, too long to run twice, and
+    they must also pass with every debug line written."""
+    return DEBUG_LOG_LEVEL
 
 
 def stop_hostapd(ap):

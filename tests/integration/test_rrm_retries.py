@@ -4,11 +4,21 @@ one that refuses. hostapd is stopped before orvd starts, so that each link carri
 request before any retry: the one sent once hostapd has started."""
 import time
 
+import pytest
+
+from harness.programs import DEBUG_LOG_LEVEL
 from harness.rrm import TIMEOUT
 
 # Timers count whole seconds and the agent's loop turns every 100 ms: an interval of N seconds
 # ends after a little more than N - 1 of them.
 SLACK = 1.5
+
+
+@pytest.fixture
+def orvd_log_level():
+    """At debug level, always: these tests wait out real timers, too long to run twice, and
+    they must also pass with every debug line written."""
+    return DEBUG_LOG_LEVEL
 
 
 def start_hostapd(ap):

@@ -12,6 +12,21 @@ BUILD_DIR = pathlib.Path(
     os.environ.get("ORVD_BUILD_DIR", pathlib.Path(__file__).resolve().parents[3] / "build")
 )
 
+# The log masks the tests run orvd with: info and above, and everything a field engineer can
+# turn on (error, warning, info, debug: libwebsockets' own lines and the dump of every queued
+# message included).
+INFO_LOG_LEVEL = "0x07"
+DEBUG_LOG_LEVEL = "0x0F"
+
+# Set (e.g. to 0x0F), it replaces the level every orvd of the harness runs with unless a test
+# pins its own; the debug-level runs under ctest set it.
+LOG_LEVEL_VARIABLE = "ORVD_TEST_LOG_LEVEL"
+
+
+def default_log_level(mode_default):
+    """The log mask for an orvd whose test does not pin one."""
+    return os.environ.get(LOG_LEVEL_VARIABLE) or mode_default
+
 
 def program(name):
     path = BUILD_DIR / name
@@ -189,23 +204,25 @@ class BusPeer:
                 self.proc.wait()
 
 
-def wids_config(port, initial=0, maximum=0, log_level="0x0F", path="/wids"):
-    """A configuration file for WIDS mode against a service on this machine."""
+def wids_config(port, initial=0, maximum=0, log_level=None, path="/wids"):
+    """A configuration file for WIDS mode against a service on this machine; at debug level
+    unless the test or ORVD_TEST_LOG_LEVEL says otherwise."""
     return [
         f"roam_service_url=ws://127.0.0.1:{port}{path}",
         f"initial_connection_delay={initial}",
         f"max_connection_delay={maximum}",
-        f"log_level={log_level}",
+        f"log_level={log_level or default_log_level(DEBUG_LOG_LEVEL)}",
     ]
 
 
-def rrm_config(port, initial=0, maximum=0, log_level="0x07", path="/rrm", domain=None):
-    """A configuration file for RRM mode against a service on this machine."""
+def rrm_config(port, initial=0, maximum=0, log_level=None, path="/rrm", domain=None):
+    """A configuration file for RRM mode against a service on this machine; at info level
+    unless the test or ORVD_TEST_LOG_LEVEL says otherwise."""
     lines = [
         f"quillon_service_url=ws://127.0.0.1:{port}{path}",
         f"initial_connection_delay={initial}",
         f"max_connection_delay={maximum}",
-        f"log_level={log_level}",
+        f"log_level={log_level or default_log_level(INFO_LOG_LEVEL)}",
     ]
     if domain is not None:
         lines.append(f"ap_location={domain}")

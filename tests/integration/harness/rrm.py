@@ -82,8 +82,9 @@ def write_scenario(directory, name="scenario.json", **changes):
     return path
 
 
-def start_orvd(workdir, root, service, log_level="0x07", **options):
-    """orvd in RRM mode against the service, with reconnect delays of 0 (1 or 2 s)."""
+def start_orvd(workdir, root, service, log_level=None, **options):
+    """orvd in RRM mode against the service, with reconnect delays of 0 (1 or 2 s); at info
+    level unless log_level or ORVD_TEST_LOG_LEVEL says otherwise."""
     return Orvd(workdir, root, rrm_config(service.port, log_level=log_level, **options), vrtl_environment()).start()
 
 
