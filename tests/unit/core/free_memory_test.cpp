@@ -21,7 +21,7 @@ namespace {
 #endif
 
 // Private dirty memory of this process in KiB; -1 when the kernel does not tell.
-long private_dirty_kib()
+[[maybe_unused]] long private_dirty_kib()
 {
     std::ifstream rollup("/proc/self/smaps_rollup");
     std::string line;
@@ -30,12 +30,6 @@ long private_dirty_kib()
             return std::strtol(line.c_str() + 14, nullptr, 10);
     }
     return -1;
-}
-
-TEST(free_memory, can_be_called_at_any_time)
-{
-    return_free_memory();
-    return_free_memory();
 }
 
 TEST(free_memory, freed_small_blocks_below_a_live_one_go_back_to_the_system)
