@@ -22,7 +22,7 @@ def payload(size, seed):
 
 def linked(ws_server, make_orvd, make_bus_peer):
     peer = make_bus_peer()
-    orvd = make_orvd(wids_config(ws_server.port, log_level="0x03"))
+    orvd = make_orvd(wids_config(ws_server.port))
     conn = ws_server.wait_connection()
     peer.receive_until(is_notice)
     return peer, orvd, conn

@@ -32,7 +32,7 @@ def test_pings_go_out_and_are_answered_between_the_fragments_of_a_long_send(slow
     # writing fragments when its first ping is due at 30 s.
     server = slow_server(rate=200 * 1024)
     peer = make_bus_peer()
-    orvd = make_orvd(wids_config(server.port, log_level="0x07"))
+    orvd = make_orvd(wids_config(server.port))
     conn = server.wait_connection()
     message = bus_message(12 * MIB)
     peer.send(message)
@@ -56,7 +56,7 @@ def test_pings_go_out_and_are_answered_between_the_fragments_of_a_long_send(slow
 def test_a_service_that_stops_reading_is_dropped_after_the_ping_time_out(slow_server, make_orvd, make_bus_peer):
     server = slow_server(rate=0)
     peer = make_bus_peer()
-    orvd = make_orvd(wids_config(server.port, log_level="0x07"))
+    orvd = make_orvd(wids_config(server.port))
     first = server.wait_connection()
     peer.send(bus_message(8 * MIB))
     second = server.wait_connection(count=2, timeout=90)
