@@ -46,48 +46,15 @@ const char* escape_of(unsigned char byte, char (&scratch)[7])
 
 }  // namespace
 
-json_stream::json_stream(size_t expected_size)
-    : data(static_cast<char*>(malloc(expected_size + 1))), length(0), capacity(expected_size + 1),
-      failed(data == nullptr)
+json_stream::json_stream(size_t expected_size) : block(expected_size), failed(false)
 {
-    if (data == nullptr)
-        capacity = 0;
     // Nesting is shallow: message, list of lists, list, entry.
     open_levels.reserve(8);
 }
 
-json_stream::~json_stream()
-{
-    free(data);
-}
-
-bool json_stream::reserve(size_t more)
-{
-    if (failed)
-        return false;
-    const size_t needed = length + more + 1;  // the zero byte that ends the text
-    if (needed <= capacity)
-        return true;
-    // Growing by half again bounds both the number of copies and the unused tail.
-    size_t grown = capacity + capacity / 2;
-    if (grown < needed)
-        grown = needed;
-    char* block = static_cast<char*>(realloc(data, grown));
-    if (block == nullptr) {
-        failed = true;
-        return false;
-    }
-    data = block;
-    capacity = grown;
-    return true;
-}
-
 void json_stream::append(const char* bytes, size_t count)
 {
-    if (!reserve(count))
-        return;
-    memcpy(data + length, bytes, count);
-    length += count;
+    block.append(bytes, count);
 }
 
 void json_stream::append_escaped(const char* text)
@@ -112,7 +79,7 @@ void json_stream::begin_value(const char* name)
 {
     if (open_levels.empty()) {
         // Only one top-level value.
-        if (length != 0)
+        if (block.size() != 0)
             failed = true;
         return;
     }
@@ -133,7 +100,7 @@ void json_stream::begin_value(const char* name)
 void json_stream::resume_object(const char* serialized)
 {
     const size_t count = serialized == nullptr ? 0 : strlen(serialized);
-    if (failed || length != 0 || !open_levels.empty() || count < 2 || serialized[0] != '{' ||
+    if (failed || block.size() != 0 || !open_levels.empty() || count < 2 || serialized[0] != '{' ||
         serialized[count - 1] != '}') {
         failed = true;
         return;
@@ -146,7 +113,7 @@ void json_stream::open(const char* name, bool array)
 {
     begin_value(name);
     append(array ? "[" : "{", 1);
-    if (!failed)
+    if (!fail())
         open_levels.push_back({array, false});
 }
 
@@ -188,20 +155,9 @@ void json_stream::insert_string(const char* name, const char* value)
 
 std::shared_ptr<buffer_info_t> json_stream::release()
 {
-    // buffer_info_t counts its payload in 32 bits.
-    if (failed || !open_levels.empty() || data == nullptr || length >= UINT32_MAX)
+    if (failed || !open_levels.empty() || block.size() == 0) {
+        block.clear();
         return nullptr;
-    data[length] = '\0';
-    // The queued message should hold no unused tail; a shrink that fails keeps the larger block.
-    if (capacity > length + 1) {
-        if (char* fitted = static_cast<char*>(realloc(data, length + 1)))
-            data = fitted;
     }
-    auto buffer = std::make_shared<buffer_info_t>();
-    buffer->data = data;
-    buffer->size = static_cast<uint32_t>(length);
-    data = nullptr;
-    length = 0;
-    capacity = 0;
-    return buffer;
+    return block.release();
 }

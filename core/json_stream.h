@@ -16,12 +16,13 @@
 #include <vector>
 
 #include "core/buffer_info.h"
+#include "core/growing_buffer.h"
 
 class json_stream {
 public:
     // `expected_size` is the first capacity; the block grows geometrically past it.
     explicit json_stream(size_t expected_size);
-    ~json_stream();
+    ~json_stream() = default;
     json_stream(const json_stream&) = delete;
     json_stream& operator=(const json_stream&) = delete;
 
@@ -41,8 +42,8 @@ public:
 
     // True once memory ran out (or the nesting was misused): the text is incomplete and
     // release() gives nothing.
-    bool fail() const { return failed; }
-    size_t size() const { return length; }
+    bool fail() const { return failed || block.fail(); }
+    size_t size() const { return block.size(); }
 
     // Hands the finished text over as a message buffer without copying it: the block is shrunk
     // to the text and its zero byte and becomes the buffer's data. Null when the stream failed
@@ -55,16 +56,14 @@ private:
         bool has_members;
     };
 
-    bool reserve(size_t more);
     void append(const char* bytes, size_t count);
     void append_escaped(const char* text);
     // The comma before a member that is not the first, and the quoted key inside objects.
     void begin_value(const char* name);
     void open(const char* name, bool array);
 
-    char* data;
-    size_t length;
-    size_t capacity;
+    growing_buffer block;
+    // Set when the nesting was misused; running out of memory is the text's own failure.
     bool failed;
     std::vector<level> open_levels;
 };

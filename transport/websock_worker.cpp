@@ -108,7 +108,7 @@ websock_worker::websock_worker(safe_queue& to_server_queue, safe_queue& from_ser
       service_name(get_name().c_str()), service_type(type), to_server(to_server_queue),
       from_server(from_server_queue), lws_ctx(nullptr), lws_callback_fn(nullptr), lws_log_fn(nullptr),
       host(server_host != nullptr ? server_host : ""), path(server_path != nullptr ? server_path : ""),
-      port(server_port), rx_buffer(std::make_shared<buffer_info_t>()), rx_discarding(false), tx_offset(0),
+      port(server_port), rx_buffer(), rx_discarding(false), tx_offset(0),
       missed_pongs(0), alive(false),
       established(false), closed(false), unlinked(false), last_ping_time{},
       ping_timeout_cb([this] { ping_timeout(); }), current_delay(initial_connection_delay),
@@ -188,10 +188,10 @@ void websock_worker::__disconnect()
     client_wsi = nullptr;
     // What was half sent or half received belongs to the lost link: it is gone, like a
     // message that failed to be written.
-    const bool held_large = tx_message != nullptr || rx_buffer->size > send_fragment_size;
+    const bool held_large = tx_message != nullptr || rx_buffer.size() > send_fragment_size;
     tx_message.reset();
     tx_offset = 0;
-    rx_buffer = std::make_shared<buffer_info_t>();
+    rx_buffer.clear();
     rx_discarding = false;
     if (held_large)
         return_free_memory();
@@ -491,11 +491,11 @@ int websock_worker::process_client_receive(lws* wsi, void*, void* in, size_t len
 int websock_worker::process_client_receive_fragment(void* in, size_t len, bool is_final, size_t remaining)
 {
     const bool ends_message = is_final && remaining == 0;
-    if (rx_discarding || rx_buffer->size + static_cast<uint64_t>(len) > max_received_message) {
+    if (rx_discarding || rx_buffer.size() + static_cast<uint64_t>(len) > max_received_message) {
         if (!rx_discarding) {
             trace.error("%s->%s: message longer than %u bytes dropped\n", service_name, "process_client_receive",
                         max_received_message);
-            rx_buffer = std::make_shared<buffer_info_t>();
+            rx_buffer.clear();
             rx_discarding = true;
             return_free_memory();
         }
@@ -507,25 +507,29 @@ int websock_worker::process_client_receive_fragment(void* in, size_t len, bool i
     if (!ends_message) {
         trace.debug("%s->%s: Get incomplete packet, beginning len %d, remaining len %d\n", service_name,
                     "process_client_receive", static_cast<int>(len), static_cast<int>(remaining));
-        rx_buffer->append(static_cast<const char*>(in), static_cast<unsigned>(len));
+        // A failed append is not acted on here: the message is dropped when it ends.
+        if (in != nullptr)
+            rx_buffer.append(static_cast<const char*>(in), len);
         return 0;
     }
     if (in == nullptr) {
         trace.error("%s: Bad Input data\n", "process_client_receive");
         return -1;
     }
-    // Fails when the memory cannot be had, and also for an empty message.
-    if (rx_buffer->append(static_cast<const char*>(in), static_cast<unsigned>(len)) == nullptr) {
+    // Fails when the memory could not be had, and also for an empty message.
+    rx_buffer.append(static_cast<const char*>(in), len);
+    std::shared_ptr<buffer_info_t> message =
+        !rx_buffer.fail() && rx_buffer.size() > 0 ? rx_buffer.release() : nullptr;
+    if (message == nullptr) {
         trace.error("%s->%s: can't receive message\n", service_name, "process_client_receive");
-        rx_buffer = std::make_shared<buffer_info_t>();
+        rx_buffer.clear();
         return -1;
     }
     trace.debug("%s->%s: Recieve final msg len %d from websocket\n", service_name, "process_client_receive",
-                static_cast<int>(rx_buffer->size));
+                static_cast<int>(message->size));
     trace.debug("%s->Send to Queue\n", service_name);
-    rx_buffer->dump();
-    from_server.enqueue(rx_buffer);
-    rx_buffer = std::make_shared<buffer_info_t>();
+    message->dump();
+    from_server.enqueue(message);
     return 0;
 }
 

@@ -15,6 +15,7 @@
 
 #include "core/abstract_worker.h"
 #include "core/buffer_info.h"
+#include "core/growing_buffer.h"
 #include "core/safe_queue.h"
 
 enum ws_service_type {
@@ -98,7 +99,8 @@ private:
     std::string host;
     std::string path;
     int port;
-    std::shared_ptr<buffer_info_t> rx_buffer;
+    // The message being reassembled, handed to the partner as a buffer_info_t when whole.
+    growing_buffer rx_buffer;
     // Set while the rest of a message that grew past max_received_message is skipped.
     bool rx_discarding;
     // The message being sent in fragments, and how much of it has gone out.
