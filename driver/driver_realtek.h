@@ -154,6 +154,8 @@ public:
 private:
     bool usable() const;  // hostapd initialised and the process still running
     bool scannable(int radio) const;
+    // The radio was up at the last snapshot; unlike is_enabled, true during shutdown as well.
+    bool snapshot_enabled(int radio) const;
     bool interface_is_up(const std::string& name) const;
     std::string get_mac_from_driver(const std::string& name) const;
     bool is_if_exists(const std::string& name) const;

@@ -12,6 +12,12 @@ constexpr int rrm_scan_time_s = 6;
 
 }  // namespace
 
+bool driver_realtek::snapshot_enabled(int radio) const
+{
+    const interface_context* context = get_radio(radio);
+    return context != nullptr && context->enabled;
+}
+
 bool driver_realtek::scannable(int radio) const
 {
     return is_enabled(radio) && !is_wds_enabled(radio) && !is_mesh_enabled(radio) &&
@@ -35,7 +41,9 @@ int driver_realtek::start(bool active, const std::set<unsigned>& chans0, const s
     return 0;
 }
 
-// The run flag is not tested, so that scans can be stopped during shutdown.
+// The run flag is not tested, so that scans can be stopped during shutdown: neither here nor
+// in stop_active_scan and stop_rrm_scan, which send the stop to every radio that was up at the
+// last snapshot.
 int driver_realtek::stop(bool active)
 {
     trace.info("Attempt to stop %s scanning...\n", active ? "active" : "RRM");
@@ -101,7 +109,7 @@ int driver_realtek::stop_active_scan(char const* ifname) const
                     ifname != nullptr ? ifname : "");
         return -1;
     }
-    if (is_enabled(radio))
+    if (snapshot_enabled(radio))
         ioctl_ops(*this, ifname).stop_scan();
     return 0;
 }
@@ -114,7 +122,7 @@ int driver_realtek::stop_rrm_scan(char const* ifname) const
                     ifname != nullptr ? ifname : "");
         return -1;
     }
-    if (is_enabled(radio))
+    if (snapshot_enabled(radio))
         ioctl_ops(*this, ifname).stop_rrm_scan();
     return 0;
 }

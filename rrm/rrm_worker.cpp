@@ -256,6 +256,8 @@ void rrm_worker::process_hostapd_stopped()
 {
     trace.info("process_hostapd_stopped : deinitializing\n");
     hostapd_stop_time = timers.time_monotonic();
+    // The driver stops a scan only while hostapd counts as initialised.
+    end_scan();
     driver.set_hostapd_initialized(false);
     if (subscribed)
         post_disassoc_all();
@@ -264,10 +266,21 @@ void rrm_worker::process_hostapd_stopped()
     driver.close_vapcontext();
 }
 
+// Every scan state ends here: without its timers nobody would stop a running scan, and while
+// the driver reports one in progress every service message waits in the pending queue.
 void rrm_worker::stop_timers()
 {
     for (int id = 0; id < timer_count; ++id)
         timers.del_timer(id);
+    end_scan();
+}
+
+// Stops the driver's scan of the kind that runs: active for a standard scan, RRM for the
+// driver's own (a later rrm-update waits while one runs, so standard_scan still names it).
+void rrm_worker::end_scan()
+{
+    if (driver.is_in_progress())
+        driver.stop(standard_scan);
 }
 
 void rrm_worker::clear_environments()

@@ -72,6 +72,7 @@ public:
     bool is_hostapd_running() const;
     bool is_widsd_running() const;
     void stop_timers();
+    void end_scan();
     void clear_environments();
     void process_driver_event(const driver_event_desc& event);
     void post_disassoc_all();

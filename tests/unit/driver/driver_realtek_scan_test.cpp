@@ -168,6 +168,54 @@ TEST_F(driver_realtek_scan_test, a_second_start_while_scanning_does_nothing)
                                                      "Attempt to start RRM scanning...\n"}));
 }
 
+TEST_F(driver_realtek_scan_test, a_stop_during_shutdown_reaches_both_radios)
+{
+    ASSERT_TRUE(start_vdev(two_radios()));
+    driver_realtek driver(run);
+    driver.set_vapcontext();
+    int timeout = 0;
+    ASSERT_EQ(driver.start(true, {1, 6}, {36}, timeout), 0);
+    ASSERT_EQ(state_value("wlan0", "counters.stop_scan"), "1");  // the one before the start
+
+    run = false;  // the daemon is stopping
+    EXPECT_EQ(driver.stop(true), 0);
+    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_EQ(state_value("wlan0", "counters.stop_scan"), "2");
+    EXPECT_EQ(state_value("wlan1", "counters.stop_scan"), "2");
+}
+
+TEST_F(driver_realtek_scan_test, an_rrm_scan_stopped_during_shutdown_is_stopped_on_both_radios)
+{
+    ASSERT_TRUE(start_vdev(two_radios()));
+    driver_realtek driver(run);
+    driver.set_vapcontext();
+    int timeout = 0;
+    ASSERT_EQ(driver.start(false, {6}, {36}, timeout), 0);
+    ASSERT_EQ(state_value("wlan0", "mibs.rrm_scan_started"), "\"1\"");
+    ASSERT_EQ(state_value("wlan1", "mibs.rrm_scan_started"), "\"1\"");
+
+    run = false;
+    EXPECT_EQ(driver.stop(false), 0);
+    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_EQ(state_value("wlan0", "mibs.rrm_scan_started"), "\"0\"");
+    EXPECT_EQ(state_value("wlan1", "mibs.rrm_scan_started"), "\"0\"");
+}
+
+TEST_F(driver_realtek_scan_test, a_stop_after_the_radios_were_let_go_sends_nothing)
+{
+    ASSERT_TRUE(start_vdev(two_radios()));
+    driver_realtek driver(run);
+    driver.set_vapcontext();
+    int timeout = 0;
+    ASSERT_EQ(driver.start(true, {1}, {36}, timeout), 0);
+    driver.close_vapcontext();
+    run = false;
+    EXPECT_EQ(driver.stop(true), 0);
+    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_EQ(state_value("wlan0", "counters.stop_scan"), "1");
+    EXPECT_EQ(state_value("wlan1", "counters.stop_scan"), "1");
+}
+
 TEST_F(driver_realtek_scan_test, stopping_while_idle_does_nothing)
 {
     ASSERT_TRUE(start_vdev(two_radios(R"({"mibs": {"rrm_scan_started": "1"}})")));

@@ -25,7 +25,6 @@ protected:
     void SetUp() override
     {
         allow_radios_off();
-        EXPECT_CALL(driver, is_in_progress()).Times(AnyNumber()).WillRepeatedly(Return(false));
         EXPECT_CALL(driver, is_widsd_sentry_mode()).Times(AnyNumber()).WillRepeatedly([this] {
             return sentry;
         });

@@ -6,7 +6,9 @@
 
 using ::testing::_;
 using ::testing::AnyNumber;
+using ::testing::DoAll;
 using ::testing::Return;
+using ::testing::SetArgReferee;
 
 namespace {
 
@@ -204,58 +206,88 @@ protected:
     void SetUp() override
     {
         allow_radios_off();
-        EXPECT_CALL(driver, is_hostapd_initialized()).Times(AnyNumber()).WillRepeatedly(Return(true));
-        EXPECT_CALL(driver, is_widsd_sentry_mode()).Times(AnyNumber()).WillRepeatedly(Return(false));
-        EXPECT_CALL(driver, is_in_progress()).Times(AnyNumber()).WillRepeatedly([this] { return scanning; });
+        allow_state(true);
         make_agent();
     }
 
-    bool scanning = false;
+    // A driver RRM scan on channel 1, started at once; the driver then reports it in progress.
+    void start_scan()
+    {
+        EXPECT_CALL(driver, stop(true)).WillOnce(Return(0));
+        EXPECT_CALL(driver, start(false, std::set<unsigned>{1}, std::set<unsigned>{}, _))
+            .WillOnce(DoAll(SetArgReferee<3>(6), Return(0)));
+        deliver(R"({"version":"2.2","service":"rrm","cmd":"rrm-update","vorna-rrm-scanning":1,)"
+                R"("rrm-scan-delay":0,"rrm-scan-channels":"1"})");
+        ASSERT_TRUE(driver.is_in_progress());
+    }
+
+    // The scan's time is up: the driver stops it and its results are read.
+    void end_scan()
+    {
+        EXPECT_CALL(driver, stop(true)).WillOnce(Return(0));
+        EXPECT_CALL(driver, fill_ap_table_vorna_rrm(_)).WillOnce(Return(0));
+        ASSERT_TRUE(fire(rrm_worker::TIMER_SCAN_PASS));
+        ASSERT_FALSE(driver.is_in_progress());
+    }
 };
 
-TEST_F(deferral_test, an_rrm_update_during_a_scan_waits_while_disconnected_is_handled_at_once)
+const char delayed_update[] =
+    R"({"version":"2.2","service":"rrm","cmd":"rrm-update","rrm-scan-delay":5,"rrm-scan-channels":"1 6"})";
+
+TEST_F(deferral_test, an_rrm_update_during_a_scan_waits_until_the_scan_ends)
 {
     deliver(subscribe_success);
     ASSERT_TRUE(agent->subscribed);
+    start_scan();
+    log.clear();
 
-    scanning = true;
-    const char update[] =
-        R"({"version":"2.2","service":"rrm","cmd":"rrm-update","rrm-scan-delay":5,"rrm-scan-channels":"1 6"})";
-    EXPECT_EQ(process(update), 1);
-    deliver(update);
+    EXPECT_EQ(process(delayed_update), 1);
+    deliver(delayed_update);
     EXPECT_TRUE(log.contains("Pending message for delayed processing\n"));
     EXPECT_FALSE(log.contains("process_rrm_update:\n"));
     EXPECT_FALSE(is_armed(rrm_worker::TIMER_SCAN_DELAY));
-
-    // "disconnected" arrives during the scan and is handled on the spot.
-    EXPECT_CALL(driver, get_max_vap()).Times(AnyNumber()).WillRepeatedly(Return(7));
-    EXPECT_CALL(driver, VapIdToVap(_, _)).Times(AnyNumber()).WillRepeatedly(Return(nullptr));
-    EXPECT_CALL(driver, reset_quillon(RESET_QUILLON_FULL));
-    EXPECT_CALL(driver, init());
-    deliver(R"({"version":"2.2","service":"internal-ipc","cmd":"disconnected"})");
-    EXPECT_FALSE(agent->subscribed);
-    EXPECT_TRUE(log.contains("Disconnected from RRM service - stop all scans and timers\n"));
-    EXPECT_FALSE(log.contains("From pended\n"));
-
-    // Still scanning: the update keeps waiting.
     agent->execute();
     EXPECT_FALSE(log.contains("From pended\n"));
 
-    // Once the scan ended the waiting update is taken up and its scan delay armed.
-    scanning = false;
+    end_scan();
     agent->execute();
     EXPECT_TRUE(log.contains("From pended\n"));
     EXPECT_TRUE(log.contains("process_rrm_update:\n"));
     EXPECT_EQ(delay_of(rrm_worker::TIMER_SCAN_DELAY), 5);
     EXPECT_EQ(agent->scan_channels_24, (std::set<unsigned>{1, 6}));
+}
+
+TEST_F(deferral_test, disconnected_during_a_scan_is_handled_at_once_and_ends_the_scan)
+{
+    deliver(subscribe_success);
+    ASSERT_TRUE(agent->subscribed);
+    start_scan();
+    deliver(delayed_update);
+    ASSERT_TRUE(log.contains("Pending message for delayed processing\n"));
+    log.clear();
+
+    EXPECT_CALL(driver, get_max_vap()).Times(AnyNumber()).WillRepeatedly(Return(7));
+    EXPECT_CALL(driver, VapIdToVap(_, _)).Times(AnyNumber()).WillRepeatedly(Return(nullptr));
+    EXPECT_CALL(driver, stop(false)).WillOnce(Return(0));
+    EXPECT_CALL(driver, reset_quillon(RESET_QUILLON_FULL));
+    EXPECT_CALL(driver, init());
+    deliver(R"({"version":"2.2","service":"internal-ipc","cmd":"disconnected"})");
+    EXPECT_FALSE(agent->subscribed);
+    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_EQ(log.texts().at(0), "Disconnected from RRM service - stop all scans and timers\n");
+
+    // The scan is over: the waiting update is taken up in the same iteration.
+    EXPECT_TRUE(log.contains("From pended\n"));
+    EXPECT_EQ(delay_of(rrm_worker::TIMER_SCAN_DELAY), 5);
     EXPECT_TRUE(sent().empty());
 }
 
 TEST_F(deferral_test, a_new_message_is_served_before_an_older_deferred_one)
 {
-    scanning = true;
+    start_scan();
     deliver(R"({"version":"2.2","service":"rrm","cmd":"rrm-request-mode"})");
-    scanning = false;
+    ASSERT_TRUE(log.contains("Pending message for delayed processing\n"));
+    end_scan();
     log.clear();
     deliver(R"({"version":"2.2","service":"rrm","cmd":"subscribe-response","status":"fail","code":503})");
     const std::vector<std::string> lines = log.texts();

@@ -50,6 +50,7 @@ void rrm_fixture::destroy_agent()
         return;
     // What the agent's destructor puts back is checked by its own test; here it may do it.
     EXPECT_CALL(driver, init()).Times(AnyNumber());
+    EXPECT_CALL(driver, stop(_)).Times(AnyNumber()).WillRepeatedly(Return(0));
     EXPECT_CALL(driver, close_vapcontext()).Times(AnyNumber());
     EXPECT_CALL(driver, get_max_vap()).Times(AnyNumber()).WillRepeatedly(Return(7));
     EXPECT_CALL(driver, VapIdToVap(_, _)).Times(AnyNumber()).WillRepeatedly(Return(nullptr));
@@ -152,12 +153,11 @@ void rrm_fixture::allow_radios_off()
     allow_description({off, off});
 }
 
-void rrm_fixture::allow_state(bool hostapd_initialized, bool in_progress, bool sentry)
+void rrm_fixture::allow_state(bool hostapd_initialized, bool sentry)
 {
     EXPECT_CALL(driver, is_hostapd_initialized())
         .Times(AnyNumber())
         .WillRepeatedly(Return(hostapd_initialized));
-    EXPECT_CALL(driver, is_in_progress()).Times(AnyNumber()).WillRepeatedly(Return(in_progress));
     EXPECT_CALL(driver, is_widsd_sentry_mode()).Times(AnyNumber()).WillRepeatedly(Return(sentry));
 }
 

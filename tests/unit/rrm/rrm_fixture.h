@@ -107,9 +107,9 @@ protected:
     // allow_identity() and a description of two radios, both switched off, for tests that do
     // not look at the radios.
     void allow_radios_off();
-    // hostapd initialised or not, sentry mode or not, and whether a scan runs, any number of
-    // times.
-    void allow_state(bool hostapd_initialized, bool in_progress = false, bool sentry = false);
+    // hostapd initialised or not and sentry mode or not, any number of times. Whether a scan
+    // runs is the mock driver's own state: a test starts one through the agent.
+    void allow_state(bool hostapd_initialized, bool sentry = false);
 
     // Hands the text to the agent as the WebSocket worker would (through the incoming queue)
     // and runs one iteration of the agent's message handling.

@@ -92,7 +92,6 @@ protected:
         EXPECT_CALL(driver, is_hostapd_initialized()).Times(AnyNumber()).WillRepeatedly(Invoke([this] {
             return hostapd;
         }));
-        EXPECT_CALL(driver, is_in_progress()).Times(AnyNumber()).WillRepeatedly(Return(false));
         EXPECT_CALL(driver, is_widsd_sentry_mode()).Times(AnyNumber()).WillRepeatedly(Return(false));
         EXPECT_CALL(driver, primary_channel_to_string(0x000, 20))
             .Times(AnyNumber())
@@ -456,7 +455,7 @@ TEST_F(scan_test, a_second_rrm_update_supersedes_a_waiting_one)
     EXPECT_EQ(agent->scan_channels_24, channel_set{6});
 }
 
-TEST_F(scan_test, a_new_rrm_update_stops_a_running_scan_but_not_a_waiting_response)
+TEST_F(scan_test, a_new_rrm_update_supersedes_a_waiting_scan_and_waits_for_a_running_one)
 {
     {
         InSequence order;
@@ -475,13 +474,121 @@ TEST_F(scan_test, a_new_rrm_update_stops_a_running_scan_but_not_a_waiting_respon
     EXPECT_EQ(armed(), (std::vector<std::pair<int, int>>{{rrm_worker::TIMER_SCAN_DELAY, 15},
                                                          {rrm_worker::TIMER_RESPONSE_DELAY, 20}}));
 
-    // A running scan is superseded too.
+    // A running scan is not: the driver reports it in progress, so the update waits for its end
+    // and neither the scan nor the response is touched.
     ASSERT_TRUE(fire(rrm_worker::TIMER_SCAN_DELAY));
-    ASSERT_TRUE(is_armed(rrm_worker::TIMER_SCAN_PASS));
+    ASSERT_TRUE(driver.is_in_progress());
+    log.clear();
     deliver(update(R"("rrm-scan-delay":25)"));
-    EXPECT_EQ(armed(), (std::vector<std::pair<int, int>>{{rrm_worker::TIMER_RESPONSE_DELAY, 20},
-                                                         {rrm_worker::TIMER_SCAN_DELAY, 25}}));
+    EXPECT_TRUE(log.contains("Pending message for delayed processing\n"));
+    EXPECT_EQ(armed(), (std::vector<std::pair<int, int>>{{rrm_worker::TIMER_SCAN_PASS, 10},
+                                                         {rrm_worker::TIMER_RESPONSE_DELAY, 20}}));
+    EXPECT_FALSE(agent->pending_queue.empty());
 }
+
+const char request_mode[] = R"({"version":"2.2","service":"rrm","cmd":"rrm-request-mode"})";
+const char disconnected[] = R"({"version":"2.2","service":"internal-ipc","cmd":"disconnected"})";
+
+// A scan running when the link or hostapd goes away; the parameter: a standard scan (true) or
+// the driver's RRM scan (false).
+class running_scan_test : public scan_test, public ::testing::WithParamInterface<bool> {
+protected:
+    bool standard() const { return GetParam(); }
+
+    // The service asks for a scan of 1 6 11 36 40 at once; the driver then reports it running
+    // and service messages wait.
+    void start_running_scan()
+    {
+        expect_start(standard(), {1, 6, 11}, {36, 40}, standard() ? 4 : 6);
+        deliver(update(standard() ? R"("rrm-scan-delay":0,"rrm-scan-channels":"1 6 11 36 40")"
+                                  : R"("rrm-scan-delay":0,"vorna-rrm-scanning":1,"rrm-scan-channels":"1 6 11 36 40")"));
+        ASSERT_TRUE(driver.is_in_progress());
+        ASSERT_TRUE(is_armed(rrm_worker::TIMER_SCAN_PASS));
+        ASSERT_EQ(process(request_mode), 1);
+        log.clear();
+    }
+
+    // The next service message is taken up at once rather than deferred.
+    void expect_served_at_once(const char* trace_line = nullptr)
+    {
+        EXPECT_EQ(process(request_mode), 0);
+        EXPECT_FALSE(log.contains("Pending message for delayed processing\n"));
+        if (trace_line != nullptr) {
+            EXPECT_TRUE(log.contains(trace_line));
+        }
+    }
+};
+
+TEST_P(running_scan_test, disconnected_while_subscribed_stops_the_driver_scan)
+{
+    start_running_scan();
+    EXPECT_CALL(driver, VapIdToVap(_, _)).Times(AnyNumber()).WillRepeatedly(Return(nullptr));
+    {
+        InSequence order;
+        EXPECT_CALL(driver, stop(standard())).WillOnce(Return(0));
+        EXPECT_CALL(driver, reset_quillon(RESET_QUILLON_FULL));
+        EXPECT_CALL(driver, init());
+    }
+    deliver(disconnected);
+    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_TRUE(armed().empty());
+    EXPECT_EQ(log.texts().at(0), "Disconnected from RRM service - stop all scans and timers\n");
+    EXPECT_FALSE(agent->subscribed);
+    log.clear();
+    deliver(request_mode);
+    EXPECT_FALSE(log.contains("Pending message for delayed processing\n"));
+    EXPECT_EQ(commands(sent()), std::vector<std::string>{"rrm-mode-response"});
+}
+
+TEST_P(running_scan_test, disconnected_before_the_subscription_was_answered_stops_the_driver_scan)
+{
+    agent->subscribed = false;
+    agent->subscribing = true;
+    start_running_scan();
+    EXPECT_CALL(driver, stop(standard())).WillOnce(Return(0));
+    deliver(disconnected);
+    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_TRUE(armed().empty());
+    EXPECT_FALSE(agent->subscribing);
+    log.clear();
+    deliver(request_mode);
+    EXPECT_FALSE(log.contains("Pending message for delayed processing\n"));
+    EXPECT_EQ(commands(sent()), std::vector<std::string>{"rrm-mode-response"});
+}
+
+TEST_P(running_scan_test, hostapd_stopping_stops_the_driver_scan_while_hostapd_still_counts_as_initialised)
+{
+    start_running_scan();
+    {
+        InSequence order;
+        EXPECT_CALL(driver, stop(standard())).WillOnce(Return(0));
+        EXPECT_CALL(driver, set_hostapd_initialized(false)).WillOnce(Invoke([this](bool) { hostapd = false; }));
+        EXPECT_CALL(driver, close_vapcontext());
+    }
+    agent->process_hostapd_stopped();
+    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_TRUE(armed().empty());
+    EXPECT_TRUE(environment_empty());
+    EXPECT_EQ(log.texts().at(0), "process_hostapd_stopped : deinitializing\n");
+    log.clear();
+    expect_served_at_once("Ignoring rrm-request-mode because hostapd is not running\n");
+    EXPECT_TRUE(sent().empty());
+}
+
+TEST_P(running_scan_test, stopping_the_timers_stops_the_driver_scan)
+{
+    start_running_scan();
+    EXPECT_CALL(driver, stop(standard())).WillOnce(Return(0));
+    agent->stop_timers();
+    EXPECT_FALSE(driver.is_in_progress());
+    EXPECT_TRUE(armed().empty());
+    expect_served_at_once();
+}
+
+INSTANTIATE_TEST_SUITE_P(scan_kinds, running_scan_test, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& kind) {
+                             return kind.param ? std::string("standard_scan") : std::string("driver_rrm_scan");
+                         });
 
 TEST_F(scan_test, clearing_the_environment_empties_all_five_tables_and_gives_up_their_memory)
 {

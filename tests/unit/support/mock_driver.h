@@ -1,5 +1,6 @@
 // A GoogleMock stand-in for any radio driver, for the agent's tests (use it as StrictMock or
-// NiceMock).
+// NiceMock). Its scan state is the real driver's: start puts a scan in progress, stop ends it,
+// so a test cannot describe a scan that ended without being stopped.
 #ifndef ORVD_TESTS_UNIT_SUPPORT_MOCK_DRIVER_H
 #define ORVD_TESTS_UNIT_SUPPORT_MOCK_DRIVER_H
 
@@ -11,7 +12,8 @@
 
 #include "driver/driver_interface.h"
 
-class mock_driver : public driver_interface {
+// Every operation mocked except the scan state, which mock_driver keeps.
+class mock_driver_calls : public driver_interface {
 public:
     MOCK_METHOD(bool, get_obss_coex, (char const*), (const, override));
     MOCK_METHOD(rrm_band_t, chanspec_band, (unsigned), (const, override));
@@ -30,7 +32,6 @@ public:
     MOCK_METHOD(void, close_vapcontext, (), (override));
     MOCK_METHOD(void, set_hostapd_initialized, (bool), (override));
     MOCK_METHOD(bool, is_hostapd_initialized, (), (const, override));
-    MOCK_METHOD(bool, is_in_progress, (), (const, override));
     MOCK_METHOD(bool, is_wids_enabled, (int), (const, override));
     MOCK_METHOD(bool, is_wgb_enabled, (int), (const, override));
     MOCK_METHOD(bool, get_config_wids, (), (const, override));
@@ -97,6 +98,29 @@ public:
     MOCK_METHOD(void, rssi_renew_interval, (char const*, int), (const, override));
     MOCK_METHOD(void, disassoc_sta, (char const*, char const*), (const, override));
     MOCK_METHOD(void, set_wake_event, (wake_event*), (override));
+};
+
+class mock_driver : public mock_driver_calls {
+public:
+    int start(bool active, const std::set<unsigned>& chans0, const std::set<unsigned>& chans1,
+              int& timeout) override
+    {
+        const int result = mock_driver_calls::start(active, chans0, chans1, timeout);
+        scanning = true;
+        return result;
+    }
+
+    int stop(bool active) override
+    {
+        const int result = mock_driver_calls::stop(active);
+        scanning = false;
+        return result;
+    }
+
+    bool is_in_progress() const override { return scanning; }
+
+private:
+    bool scanning = false;
 };
 
 #endif
