@@ -433,8 +433,8 @@ cfg_t* wait_answer(const char* command, const char* error_text, int timeout)
 {
     bus_state& b = bus();
     // After a send that found nobody, only a reply already queued can be taken.
-    const int64_t wait_ms = last_send_found_nobody ? 0 : static_cast<int64_t>(timeout > 0 ? timeout : 0) *
-                                                             MSGBUS_WAIT_UNIT_MS;
+    const int64_t wait_ms =
+        last_send_found_nobody ? 0 : static_cast<int64_t>(timeout > 0 ? timeout : 0) * MSGBUS_WAIT_UNIT_MS;
     last_send_found_nobody = false;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
     for (;;) {
