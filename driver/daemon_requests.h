@@ -12,7 +12,8 @@
 
 #include "cfg_tree.h"
 
-// Stateless: every operation opens and closes the bus peer around its own exchange.
+// Holds only the bus calls it makes: every operation opens and closes the bus peer around its
+// own exchange.
 class daemon_requests {
 public:
     using param_list = std::vector<std::pair<std::string, std::string>>;
