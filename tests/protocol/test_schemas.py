@@ -682,7 +682,7 @@ def test_the_command_line_checks_files_and_lines(tmp_path):
     ]
 
 
-# ---- what the documents say ------------------------------------------------------------------
+# ---- what the guide and the schemas say--------------------------------------------------------------
 
 def mobility_domain(text):
     """The mobility-domain CRC as described: a 16-bit register from 0, message bits shifted in
@@ -699,7 +699,7 @@ def mobility_domain(text):
 
 
 @pytest.mark.parametrize("text,value", [("", 0), ("a", 97), ("default-rrm-domain", 54202)])
-def test_the_described_mobility_domain_crc_gives_the_documented_values(text, value):
+def test_the_mobility_domain_crc_as_described_gives_0_97_and_54202(text, value):
     assert mobility_domain(text) == value
 
 
