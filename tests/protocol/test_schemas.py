@@ -682,7 +682,7 @@ def test_the_command_line_checks_files_and_lines(tmp_path):
     ]
 
 
-# ---- what the guide and the schemas say--------------------------------------------------------------
+# ---- what the guide and the schemas say ---------------------------------------------------------
 
 def mobility_domain(text):
     """The mobility-domain CRC as described: a 16-bit register from 0, message bits shifted in
