@@ -46,27 +46,27 @@ void log_failed_exchange(const char* error_text)
 
 }  // namespace
 
+const daemon_requests::bus_calls daemon_requests::library_calls = {ModulePeerStart, MsgSend, wait_answer,
+                                                                   ModulePeerStop};
+
 cfg_t* daemon_requests::send_and_wait(cfg_t* request, const char* reply_command, int module,
                                       const char* error_text) const
 {
-    if (ModulePeerStart() != 0) {
-        // Without the peer no reply can be heard, and a change that cannot be confirmed is
-        // better not asked for.
-        log_failed_exchange(error_text);
-        return nullptr;
-    }
+    // Neither the peer start's nor the send's result is consulted: only the host library
+    // answers 0 on success, and what the device library answers is not known. The wait
+    // decides: a reply comes, or its time runs out (the host library ends it at once when
+    // the module is not on the bus), and the peer is stopped in every case.
+    bus.peer_start();
     char* text = cfg_serialize_compact(request);
     cfg_t* reply = nullptr;
     if (text == nullptr) {
-        log_failed_exchange(error_text);
-    } else if (MsgSend(text, module, static_cast<unsigned>(std::strlen(text))) != 0) {
-        // The daemon is not on the bus: no reply can come, and waiting for it would only
-        // hold the worker against its clock guard.
+        // Nothing could be sent, so no reply can come.
         log_failed_exchange(error_text);
     } else {
-        reply = wait_answer(reply_command, error_text, reply_timeout_units);
+        bus.send(text, module, static_cast<unsigned>(std::strlen(text)));
+        reply = bus.wait(reply_command, error_text, reply_timeout_units);
     }
-    ModulePeerStop();
+    bus.peer_stop();
     std::free(text);
     return reply;
 }

@@ -12,17 +12,32 @@
 
 #include "cfg_tree.h"
 
-// Stateless: every operation opens and closes the bus peer around its own exchange.
+// Holds only the bus calls it makes: every operation opens and closes the bus peer around its
+// own exchange.
 class daemon_requests {
 public:
     using param_list = std::vector<std::pair<std::string, std::string>>;
 
+    // The bus library's functions one exchange uses; the library's own by default. Their
+    // return values are not relied on: what the device library answers is not known.
+    struct bus_calls {
+        int (*peer_start)();
+        int (*send)(const void* payload, int module, unsigned int length);
+        cfg_t* (*wait)(const char* command, const char* error_text, int timeout);
+        void (*peer_stop)();
+    };
+    static const bus_calls library_calls;
+
+    daemon_requests() : bus(library_calls) {}
+    explicit daemon_requests(const bus_calls& calls) : bus(calls) {}
+
     // How long one exchange waits for its reply, in MSGBUS_WAIT_UNIT_MS units (100 ms).
     static constexpr int reply_timeout_units = 20;
 
-    // Sends `request` to `module` and waits for the reply whose "command" is `reply_command`.
-    // Returns the reply (the caller releases it with cfg_release), or null after logging
-    // `error_text` when the module is not on the bus or does not answer in time.
+    // Sends `request` to `module` and waits for the reply whose "command" is `reply_command`:
+    // start the peer, send, wait, stop the peer, always in that order and whatever the peer
+    // start and the send answer. Returns the reply (the caller releases it with cfg_release),
+    // or null after the wait has logged `error_text` (no reply in time, or none can come).
     cfg_t* send_and_wait(cfg_t* request, const char* reply_command, int module, const char* error_text) const;
 
     // Asks networkd to set `params` (sent in the given order, all as text) on `ifname`.
@@ -53,6 +68,9 @@ public:
     // Stops with -1 at the first VAP networkd does not answer for; a refusal is logged and
     // the next VAP follows. 0 after the last one.
     int reset_quillon_fbt_all(int max_vap) const;
+
+private:
+    bus_calls bus;
 };
 
 #endif

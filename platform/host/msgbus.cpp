@@ -13,7 +13,8 @@
 //   - incomplete messages are bounded by msgbus_frame::reassembly_limits (32 MiB, 64
 //     messages, 5 s);
 //   - a sender waits at most send_timeout_ms for room in the receiver's socket queue, then
-//     MsgSend fails; a module that is not on the bus fails at once.
+//     MsgSend fails; a module that is not on the bus fails at once, and the calling thread's
+//     next wait_answer then does not wait (no reply can come), see last_send_found_nobody.
 #include "msgbus.h"
 
 #include <atomic>
@@ -243,6 +244,12 @@ bool send_datagram(int fd, const iovec* parts, size_t part_count, int64_t deadli
     }
 }
 
+// Set on a thread whose last MsgSend found nobody holding its module (ENOENT, ECONNREFUSED);
+// cleared by its next MsgSend and by its next wait_answer, which then only looks at what is
+// already queued. A request to a module that is not on the bus cannot be answered, and its
+// caller need not look at MsgSend's result to learn that: it is told by the wait ending.
+thread_local bool last_send_found_nobody = false;
+
 // A socket connected to the module, or -1. Connecting fails at once (ENOENT, ECONNREFUSED)
 // when nobody holds the module, so a send to a module that is not on the bus never waits.
 int connect_to_module(int module)
@@ -253,7 +260,9 @@ int connect_to_module(int module)
     msgbus_host::module_address address;
     if (!address.resolve(msgbus_host::bus_directory(), module) ||
         ::connect(fd, address.address(), address.length()) != 0) {
+        int error = errno;
         ::close(fd);
+        errno = error;  // tells the caller whether anybody holds the module
         return -1;
     }
     return fd;
@@ -376,9 +385,12 @@ int MsgSend(const void* payload, int module, unsigned int length)
               module);
         return -1;
     }
+    last_send_found_nobody = false;
     int fd = connect_to_module(module);
-    if (fd < 0)
+    if (fd < 0) {
+        last_send_found_nobody = errno == ENOENT || errno == ECONNREFUSED;
         return -1;
+    }
 
     bus_state& b = bus();
     frame_header header;
@@ -420,9 +432,11 @@ message_s* GetMsgFromQueueNoWait(void)
 cfg_t* wait_answer(const char* command, const char* error_text, int timeout)
 {
     bus_state& b = bus();
-    const auto deadline =
-        std::chrono::steady_clock::now() +
-        std::chrono::milliseconds(static_cast<int64_t>(timeout > 0 ? timeout : 0) * MSGBUS_WAIT_UNIT_MS);
+    // After a send that found nobody, only a reply already queued can be taken.
+    const int64_t wait_ms =
+        last_send_found_nobody ? 0 : static_cast<int64_t>(timeout > 0 ? timeout : 0) * MSGBUS_WAIT_UNIT_MS;
+    last_send_found_nobody = false;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
     for (;;) {
         message_s* message = nullptr;
         {

@@ -62,6 +62,8 @@ message_s* GetMsgFromQueueNoWait(void);
  * messages received meanwhile are dropped. `timeout` counts units of MSGBUS_WAIT_UNIT_MS.
  * Returns the parsed reply (release with cfg_release), or null after writing `error_text`
  * to the log at error level when the time runs out.
+ * When this thread's last MsgSend found its module not on the bus, no reply can come: the
+ * wait takes only a matching reply already queued and otherwise ends at once.
  * The unit is sized for the driver's longest burst of exchanges: the snapshot of a full
  * access point reads about 60 values from configd at 20 units each, and against a configd
  * that never answers that burst must end well inside a worker's 10-second clock guard

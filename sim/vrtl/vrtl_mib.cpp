@@ -124,9 +124,13 @@ int emulate_scan_trigger(const request_context& context)
     json_object* state = context.radio->root();
     json_object* mibs = object_member(state, "mibs");
     const char* channel = json_object_get_string(member(mibs, "rrm_scan_chan"));
-    if (!is_valid_channel(state, channel))
+    // "0" is what the daemon sends for a radio none of whose channels was asked for: a
+    // measurement on no channel, which the radio accepts and which hears nobody.
+    const bool no_channel = channel != nullptr && std::strcmp(channel, "0") == 0;
+    if (!no_channel && !is_valid_channel(state, channel))
         return refuse(context, EINVAL, "rrm_scan_chan \"%s\" is not a channel of this radio",
                       channel == nullptr ? "(unset)" : channel);
+    json_object_object_add(state, "last_rrm_scan_channel", json_object_new_int(std::atoi(channel)));
     json_object_object_add(mibs, "rrm_scan_started", json_object_new_string("1"));
     count_up(state, "rrm_scan_trigger");
     return save_or_refuse(context);

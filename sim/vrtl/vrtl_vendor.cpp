@@ -45,7 +45,11 @@ int build_ap_records(const request_context& context, bool rrm, record_bytes* rec
     json_object* list = nullptr;
     if (!state_array(context, context.radio->root(), key, &list))
         return -1;
-    const size_t total = list == nullptr ? 0 : json_object_array_length(list);
+    // An RRM measurement triggered on channel 0 heard nobody.
+    json_object* measured = member(context.radio->root(), "last_rrm_scan_channel");
+    const bool heard_nobody =
+        rrm && json_object_is_type(measured, json_type_int) && json_object_get_int(measured) == 0;
+    const size_t total = list == nullptr || heard_nobody ? 0 : json_object_array_length(list);
     *record_count = total < max_ap_records ? total : max_ap_records;
     records->assign(*record_count * ap_record_bytes, 0);
     for (size_t i = 0; i < *record_count; ++i) {

@@ -134,3 +134,22 @@ def test_a_link_lost_during_a_scan_asked_for_before_the_subscription_was_answere
     lost = next(i for i, line in enumerate(lines) if "Disconnected from RRM service" in line)
     assert any("Attempt to stop active scanning" in line for line in lines[lost + 1 :]), lines
     assert service.received("rrm-response", second) == []
+
+
+def test_a_driver_rrm_scan_of_5_ghz_channels_only_measures_nothing_on_the_2_4_ghz_radio(subscribed_ap):
+    ap = subscribed_ap
+    ap.service.send_rrm_update(delay=0, driver_scan=1, channels="44 36", conn=ap.conn)
+    response = ap.wait_for("rrm-response", timeout=60).message
+
+    # wlan0 was asked for no channel: the driver triggers its measurement on channel "0",
+    # which the radio accepts and which hears nobody; wlan1 measures its lowest channel.
+    assert response["rf-environment"] == [[expected_scan_entry(n, "wlan1", True)
+                                           for n in neighbours_heard_by("wlan1")]]
+    for radio, channel in (("wlan0", 0), ("wlan1", 36)):
+        state = ap.vdev.radio_state(radio)
+        assert state["mibs"]["rrm_scan_chan"] == str(channel), (radio, state["mibs"])
+        assert state["last_rrm_scan_channel"] == channel, radio
+        assert state["counters"]["rrm_scan_trigger"] == 1, (radio, state["counters"])
+        assert state["counters"].get("start_scan", 0) == 0
+    assert ap.orvd.log_lines("SIOCSIWSCAN") == []
+    assert ap.count("rrm-response") == 1

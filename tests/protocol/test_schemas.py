@@ -351,7 +351,7 @@ def removing(path):
 
 INVALID_FROM_ORVD = {
     "subscribe-request": [
-        without("domain"), without("factory"), without("radios"), without("ap-mac"), without("ap-mac-count"),
+        without("domain"), without("factory"), without("radios"), without("ap-mac-count"),
         setting(["ap-mac-count"], 15),
         setting(["ap-mac-count"], "16"),
         setting(["version"], "2.3"),
@@ -463,6 +463,24 @@ def test_the_last_peer_orvd_takes_has_index_1024(validators):
     assert errors_of(validators, "fbt-params", message) == []
 
 
+ORVD_MESSAGES_WITH_AP_MAC = [(name, i) for name in FROM_ORVD for i, text in enumerate(FROM_ORVD_EXAMPLES[name])
+                             if '"ap-mac"' in text]
+
+
+@pytest.mark.parametrize("name,index", ORVD_MESSAGES_WITH_AP_MAC,
+                         ids=[f"{n}-{i}" for n, i in ORVD_MESSAGES_WITH_AP_MAC])
+def test_a_message_without_ap_mac_from_an_access_point_without_factory_data_is_valid(validators, name, index):
+    message = changed(FROM_ORVD_EXAMPLES[name][index], without("ap-mac"))
+    assert errors_of(validators, name, message) == []
+    assert schema.validate(message) == []
+    assert schema.key_order_errors(message) == []
+
+
+def test_a_wrong_ap_mac_is_still_refused_when_present(validators):
+    message = changed(SUBSCRIBE_REQUEST, setting(["ap-mac"], ""))
+    assert errors_of(validators, "subscribe-request", message) != []
+
+
 def test_a_radio_that_is_off_must_not_list_vaps():
     message = json.loads(SUBSCRIBE_REQUEST)
     message["radios"][1]["vaps"] = [{"id": 0, "ssid": "never-asked", "mac": "a4:5e:60:00:10:11",
@@ -512,8 +530,6 @@ INVALID_TO_ORVD = {
     "rrm-request-mode": [without("cmd"), setting(["service"], "rrm2"), setting(["version"], "2.1.9")],
     "fbt-info": [
         setting(["fbt-over-ds"], "1"), setting(["fbt-reassoc-deadline"], 1000.5), setting(["vaps"], {}),
-        setting(["vaps"], [{"vap_id": i, "radio_id": 0, "remotes": []} for i in range(34)]),
-        setting(["vaps", 0, "remotes"], [{"remote-r1-kh-id": "AA"}] * 1026),
         setting(["vaps", 0, "vap_id"], "1"), setting(["vaps", 0, "fbt-rrb-key"], 7),
         setting(["vaps", 0, "remotes", 0, "remote-r1-kh-id"], None), setting(["vaps", 0, "remotes"], [None]),
     ],
@@ -533,6 +549,15 @@ def test_messages_to_orvd_may_carry_more_keys(validators, name):
     message = json.loads(EXAMPLES[name][0])
     message["future-key"] = {"anything": [1, "two"]}
     assert errors_of(validators, name, message) == []
+
+
+def test_vaps_and_peers_past_the_ones_orvd_uses_are_accepted(validators):
+    many_vaps = changed(DOC_FBT_INFO, setting(["vaps"], [{"vap_id": i % 7, "radio_id": i % 2, "remotes": []}
+                                                         for i in range(34)]))
+    assert errors_of(validators, "fbt-info", many_vaps) == []
+    many_peers = changed(DOC_FBT_INFO, setting(["vaps", 0, "remotes"], [{"remote-r1-kh-id": "AA"}] * 1026))
+    assert errors_of(validators, "fbt-info", many_peers) == []
+    assert schema.validate(many_peers) == []
 
 
 def test_nested_objects_to_orvd_may_carry_more_keys(validators):
@@ -655,3 +680,44 @@ def test_the_command_line_checks_files_and_lines(tmp_path):
         "stdin:2: /: keys ['service', 'version', 'cmd'] are not in the order ['version', 'service', 'cmd']",
         "stdin:3: /rrm-scan-delay: '5' is not of type 'integer'",
     ]
+
+
+# ---- what the guide and the schemas say ---------------------------------------------------------
+
+def mobility_domain(text):
+    """The mobility-domain CRC as described: a 16-bit register from 0, message bits shifted in
+    most significant first, XOR 0x8005 when the bit shifted out was 1, no augmenting zeros, no
+    final XOR."""
+    register = 0
+    for byte in text.encode():
+        for bit in range(7, -1, -1):
+            carry = register & 0x8000
+            register = ((register << 1) | ((byte >> bit) & 1)) & 0xFFFF
+            if carry:
+                register ^= 0x8005
+    return register
+
+
+@pytest.mark.parametrize("text,value", [("", 0), ("a", 97), ("default-rrm-domain", 54202)])
+def test_the_mobility_domain_crc_as_described_gives_0_97_and_54202(text, value):
+    assert mobility_domain(text) == value
+
+
+def test_the_mobility_domain_crc_is_described_with_its_values_and_not_as_the_common_crc16():
+    described = json.loads((SCHEMA_DIR / "fbt-params.schema.json").read_text(encoding="utf-8"))
+    description = json.dumps(described)
+    guide = (ROOT / "docs" / "protocol.md").read_text(encoding="utf-8")
+    for text in (description, guide):
+        assert "no reflection" not in text
+        assert "97" in text and "54202" in text
+        assert "augmenting" in text
+    assert "33093" in guide  # what the common variant gives, so that nobody swaps it in
+
+
+def test_the_notices_are_said_to_reach_widsd_in_wids_mode():
+    guide = (ROOT / "docs" / "protocol.md").read_text(encoding="utf-8")
+    notices = guide[guide.index("## Internal notices"):]
+    assert "never on the wire" not in notices
+    assert "widsd" in notices
+    described = json.loads((SCHEMA_DIR / "internal-ipc.schema.json").read_text(encoding="utf-8"))
+    assert "widsd" in described["description"]

@@ -390,6 +390,103 @@ TEST_F(daemon_requests_test, a_silent_networkd_stops_the_vap_resets_at_the_first
               std::vector<std::string>{R"({"command":"reset-quillon-fbt","ifname":"wlan0-va0"})"});
 }
 
+// Bus calls that go through the real library but answer what a device library might: the
+// peer start and the send report `start_result` and `send_result` whatever happened, and
+// every call is recorded in order.
+struct answering_bus {
+    static int start_result;
+    static int send_result;
+    static std::vector<std::string> calls;
+
+    static int peer_start()
+    {
+        calls.push_back("peer_start");
+        ModulePeerStart();
+        return start_result;
+    }
+    static int send(const void* payload, int module, unsigned int length)
+    {
+        calls.push_back("send");
+        MsgSend(payload, module, length);
+        return send_result;
+    }
+    static cfg_t* wait(const char* command, const char* error_text, int timeout)
+    {
+        calls.push_back("wait");
+        return wait_answer(command, error_text, timeout);
+    }
+    static void peer_stop()
+    {
+        calls.push_back("peer_stop");
+        ModulePeerStop();
+    }
+    static daemon_requests::bus_calls as_calls() { return {peer_start, send, wait, peer_stop}; }
+};
+int answering_bus::start_result = 0;
+int answering_bus::send_result = 0;
+std::vector<std::string> answering_bus::calls;
+
+const std::vector<std::string> whole_exchange{"peer_start", "send", "wait", "peer_stop"};
+
+TEST_F(daemon_requests_test, a_peer_start_answering_non_zero_still_sends_waits_and_stops_the_peer)
+{
+    responder networkd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--reply-ok"});
+    for (int answer : {-1, 1, 7}) {
+        SCOPED_TRACE(answer);
+        answering_bus::start_result = answer;
+        answering_bus::send_result = 0;
+        answering_bus::calls.clear();
+        daemon_requests device_requests(answering_bus::as_calls());
+        EXPECT_EQ(device_requests.update_quillon("wlan0", {{"tx-power", "14"}}), 0);
+        EXPECT_EQ(answering_bus::calls, whole_exchange);
+        EXPECT_EQ(GetModuleLoop(), 0);  // the peer is closed again after the exchange
+    }
+    EXPECT_EQ(requests_to(MSGBUS_MODULE_NETWORKD, 3), std::vector<std::string>(3, tx_power_request));
+    EXPECT_EQ(times_logged("Try to send update-quillon to networkd\n"), 3u);
+    EXPECT_EQ(times_logged("Successfully received update-quillon-response from networkd\n"), 3u);
+    EXPECT_EQ(times_logged("Error: can't update Quillon params\n"), 0u);
+}
+
+TEST_F(daemon_requests_test, a_send_answering_non_zero_still_waits_for_the_reply)
+{
+    responder networkd;
+    responder configd;
+    start_daemon(networkd, MSGBUS_MODULE_NETWORKD, {"--reply-ok"});
+    start_daemon(configd, MSGBUS_MODULE_CONFIGD, {"--reply", R"({"command":"get-response","value":"36"})"});
+    for (int answer : {-1, 1}) {
+        SCOPED_TRACE(answer);
+        answering_bus::start_result = 0;
+        answering_bus::send_result = answer;
+        answering_bus::calls.clear();
+        daemon_requests device_requests(answering_bus::as_calls());
+        EXPECT_EQ(device_requests.send_reset_quillon("wlan1"), 0);
+        std::string value = "untouched";
+        EXPECT_EQ(device_requests.configd_get("wireless.radio1.channel", value), 0);
+        EXPECT_EQ(value, "36");
+        std::vector<std::string> two_exchanges = whole_exchange;
+        two_exchanges.insert(two_exchanges.end(), whole_exchange.begin(), whole_exchange.end());
+        EXPECT_EQ(answering_bus::calls, two_exchanges);
+    }
+    EXPECT_EQ(times_logged("Successfully received reset-quillon-response from networkd\n"), 2u);
+    EXPECT_EQ(times_logged("get-response successfully received\n"), 2u);
+    EXPECT_EQ(times_logged("Error: can't reset Quillon params\n"), 0u);
+    EXPECT_EQ(times_logged("Error: can't get config\n"), 0u);
+}
+
+TEST_F(daemon_requests_test, a_failed_exchange_still_runs_all_four_steps_in_order)
+{
+    // An absent daemon: the host library refuses the send, and the wait ends at once.
+    answering_bus::start_result = 0;
+    answering_bus::send_result = 0;
+    answering_bus::calls.clear();
+    daemon_requests device_requests(answering_bus::as_calls());
+    EXPECT_EQ(device_requests.send_reset_quillon("wlan0"), -1);
+    EXPECT_EQ(answering_bus::calls, whole_exchange);
+    EXPECT_EQ(times_logged("Error: can't reset Quillon params\n"), 1u);
+    EXPECT_EQ(times_logged("Error: no response (send_reset_quillon)\n"), 1u);
+}
+
 std::vector<exchange_case> every_exchange(daemon_requests& requests, std::string& value)
 {
     return {

@@ -232,6 +232,60 @@ TEST_F(vrtl_strict_test, the_scan_trigger_carries_no_data_and_needs_a_valid_scan
     EXPECT_EQ(vrtl::read_value("wlan0", "counters.rrm_scan_trigger"), "1");
 }
 
+TEST_F(vrtl_strict_test, an_rrm_scan_on_channel_zero_is_accepted_and_hears_nobody)
+{
+    write_state("wlan0", R"({"chanspec": 4358, "available_channels": [1, 6, 11], "mibs": {},
+                             "rrm_scan_results": [{"bssid": "00:11:22:33:44:55", "rssi": -60,
+                                                   "chanspec": 4358, "tx_power": 68}]})");
+    auto rrm_records = [this] {
+        auto block = command_block(3, 9360);
+        int error = 0;
+        EXPECT_EQ(send_command("wlan0", block, 0xFFFE, &error), 0) << error;
+        uint32_t count = 0;
+        std::memcpy(&count, block.data() + 4, 4);
+        return count;
+    };
+    auto trigger_on = [this](const char* channel) {
+        std::string text = std::string("rrm_scan_chan=") + channel;
+        struct iwreq mib = make_request("wlan0");
+        mib.u.data.pointer = &text[0];
+        mib.u.data.length = static_cast<uint16_t>(text.size() + 1);
+        EXPECT_EQ(ioctl(sock.fd(), set_mib, &mib), 0);
+        struct iwreq req = make_request("wlan0");
+        stderr_capture errors;
+        EXPECT_EQ(ioctl(sock.fd(), scan_trigger, &req), 0) << errors.text();
+        EXPECT_EQ(errors.text(), "");
+    };
+    EXPECT_EQ(rrm_records(), 1u);  // before any measurement: what the state holds
+
+    trigger_on("0");
+    EXPECT_EQ(vrtl::read_value("wlan0", "counters.rrm_scan_trigger"), "1");
+    EXPECT_EQ(vrtl::read_value("wlan0", "mibs.rrm_scan_started"), "\"1\"");
+    EXPECT_EQ(vrtl::read_value("wlan0", "last_rrm_scan_channel"), "0");
+    EXPECT_EQ(rrm_records(), 0u);
+
+    trigger_on("6");
+    EXPECT_EQ(vrtl::read_value("wlan0", "counters.rrm_scan_trigger"), "2");
+    EXPECT_EQ(vrtl::read_value("wlan0", "last_rrm_scan_channel"), "6");
+    EXPECT_EQ(rrm_records(), 1u);
+}
+
+TEST_F(vrtl_strict_test, an_rrm_scan_channel_that_is_not_plain_decimal_is_still_refused)
+{
+    for (const char* channel : {"00", "-0", " 0", "0x0", "2"}) {
+        std::string text = std::string("rrm_scan_chan=") + channel;
+        struct iwreq mib = make_request("wlan0");
+        mib.u.data.pointer = &text[0];
+        mib.u.data.length = static_cast<uint16_t>(text.size() + 1);
+        ASSERT_EQ(ioctl(sock.fd(), set_mib, &mib), 0);
+        struct iwreq req = make_request("wlan0");
+        stderr_capture errors;
+        EXPECT_EQ(ioctl(sock.fd(), scan_trigger, &req), -1) << channel;
+        EXPECT_EQ(errno, EINVAL) << channel;
+    }
+    EXPECT_EQ(vrtl::read_value("wlan0", "counters.rrm_scan_trigger"), "");
+}
+
 TEST_F(vrtl_strict_test, an_interface_without_state_does_not_exist)
 {
     stderr_capture errors;

@@ -358,3 +358,52 @@ TEST_F(bus_test, wait_answer_returns_when_the_peer_stops)
 }
 
 }  // namespace
+
+namespace {
+
+using namespace platform_test;
+
+TEST_F(bus_test, a_wait_after_a_send_to_an_absent_module_ends_at_once)
+{
+    log_capture log;
+    ASSERT_EQ(InitLibParams(5, nullptr, 0), 0);
+    ASSERT_EQ(ModulePeerStart(), 0);
+    EXPECT_EQ(send_text("{\"command\": \"get\"}", 9), -1);  // nobody is module 9
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(wait_answer("get-response", "get: nobody\n", 200), nullptr);
+    EXPECT_LT(elapsed_ms(start), 500);
+    EXPECT_TRUE(log.mentions(VLR_LOG_ERROR, "get: nobody\n"));
+    ModulePeerStop();
+}
+
+TEST_F(bus_test, a_wait_after_a_send_to_an_absent_module_still_takes_a_queued_reply)
+{
+    ASSERT_EQ(InitLibParams(5, nullptr, 0), 0);
+    ASSERT_EQ(ModulePeerStart(), 0);
+    ASSERT_EQ(send_text("{\"command\": \"get-response\", \"value\": \"1\"}", 5), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the receiver queues it
+    EXPECT_EQ(send_text("{\"command\": \"get\"}", 9), -1);
+    owned_tree reply(wait_answer("get-response", "get: nobody\n", 200));
+    ASSERT_NE(reply, nullptr);
+    EXPECT_STREQ(cfg_get_value(cfg_get_param(reply.get(), "value")), "1");
+    ModulePeerStop();
+}
+
+TEST_F(bus_test, only_the_next_wait_after_a_send_to_an_absent_module_is_cut_short)
+{
+    ASSERT_EQ(InitLibParams(5, nullptr, 0), 0);
+    ASSERT_EQ(ModulePeerStart(), 0);
+    EXPECT_EQ(send_text("{\"command\": \"get\"}", 9), -1);
+    EXPECT_EQ(wait_answer("get-response", nullptr, 200), nullptr);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(wait_answer("get-response", nullptr, 20), nullptr);  // 100 ms, waited in full
+    EXPECT_GE(elapsed_ms(start), 95);
+    EXPECT_EQ(send_text("{\"command\": \"get\"}", 9), -1);
+    ASSERT_EQ(send_text("{\"command\": \"other\"}", 5), 0);  // a later send that arrives
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(wait_answer("get-response", nullptr, 20), nullptr);
+    EXPECT_GE(elapsed_ms(start), 95);
+    ModulePeerStop();
+}
+
+}  // namespace
