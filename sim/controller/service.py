@@ -619,7 +619,7 @@ def _parse(text):
             return None
     try:
         return json.loads(text)
-    except ValueError:
+    except (ValueError, RecursionError):  # a hostile text may nest deeper than the parser goes
         return None
 
 
