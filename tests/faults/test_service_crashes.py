@@ -4,7 +4,7 @@ the new link, and keep neither descriptors nor memory of the links it lost."""
 import statistics
 import time
 
-from faultlib import Figures, report, sanitized, settled_figures
+from faultlib import report, sanitized, settled_figures
 from harness.rrm import TIMEOUT
 
 CRASHES = 30
