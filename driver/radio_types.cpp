@@ -1,5 +1,6 @@
 #include "driver/radio_types.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -20,8 +21,9 @@ rrm_sta_realtek::rrm_sta_realtek(const sta_info_t& info)
                   info.mac[3], info.mac[4], info.mac[5]);
     mac = text;
     for (int i = 0; i < 4; ++i) {
-        // The driver reports each chain as dBm + 100.
-        rssi_chain[i] = info.rssi[i] - 100;
+        // The driver reports each chain as dBm + 100. Taken modulo 2^32, as the device's 32-bit
+        // code computes it, so that a garbage reading near INT32_MIN is not undefined here.
+        rssi_chain[i] = static_cast<int32_t>(static_cast<uint32_t>(info.rssi[i]) - 100u);
         // Only a strictly greater reading replaces the first one seen.
         if (i == 0 || rssi_chain[i] > rssi)
             rssi = rssi_chain[i];

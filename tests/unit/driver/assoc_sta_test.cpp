@@ -1,4 +1,6 @@
 // The station list of a VAP read through the real ioctl() path from the emulated driver.
+#include <cstdint>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -55,6 +57,23 @@ TEST_F(assoc_sta_test, stations_are_appended_to_the_list)
     EXPECT_EQ(stations[1].rssi, -41);
     // Chains the state leaves out read 0, that is -100 dBm.
     EXPECT_EQ(stations[1].rssi_chain[1], -100);
+}
+
+TEST(rrm_sta_realtek_test, readings_at_the_ends_of_the_range_wrap_as_32_bit_arithmetic_does)
+{
+    // A driver reporting garbage must not make the agent's arithmetic undefined: the reading
+    // less 100 is taken modulo 2^32, as the device's own 32-bit code computes it.
+    sta_info_t info{};
+    info.rssi[0] = INT32_MIN;
+    info.rssi[1] = INT32_MIN + 99;
+    info.rssi[2] = INT32_MAX;
+    info.rssi[3] = 100;
+    const rrm_sta_realtek station(info);
+    EXPECT_EQ(station.rssi_chain[0], INT32_MAX - 99);
+    EXPECT_EQ(station.rssi_chain[1], INT32_MAX);
+    EXPECT_EQ(station.rssi_chain[2], INT32_MAX - 100);
+    EXPECT_EQ(station.rssi_chain[3], 0);
+    EXPECT_EQ(station.rssi, INT32_MAX);
 }
 
 TEST_F(assoc_sta_test, no_stations_is_an_info_line_only)
