@@ -1,7 +1,9 @@
 #include "core/trace.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,15 +25,25 @@ protected:
     }
 };
 
+// The process-wide object as the program starts, before any test or worker sets its level: the
+// test body runs in a freshly started copy of this program (the thread-safe death test style
+// executes it anew), which logs at every level through it and reports what reached the library.
 TEST_F(trace_test, the_process_trace_starts_silent)
 {
-    // Nothing else in this test program has changed the mask before the first test runs,
-    // and TearDown restores it.
-    orv_trace fresh("fresh", 0);
-    log_capture log;
-    fresh.error("x\n");
-    fresh.debug("x\n");
-    EXPECT_TRUE(log.lines().empty());
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            const int mask_at_start = trace.get_log_level();
+            size_t written = 0;
+            {
+                log_capture log;
+                write_all_levels();
+                written = log.lines().size();
+            }
+            fprintf(stderr, "mask %d at start, %zu lines written\n", mask_at_start, written);
+            _exit(written == 0 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "mask 0 at start, 0 lines written");
 }
 
 TEST_F(trace_test, with_mask_0_no_output_operation_calls_the_library)
