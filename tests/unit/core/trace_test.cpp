@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "log_capture.h"
+#include "vorna_log_host.h"
 
 namespace {
 
@@ -120,19 +121,64 @@ TEST_F(trace_test, a_new_mask_takes_effect_for_the_next_line)
     EXPECT_EQ(log.texts(), std::vector<std::string>{"first\n"});
 }
 
+// Records what reaches the log library and, for each line, whether the trace's own lock was
+// held while it did. The host library serialises its writer by a lock of its own, so the lines
+// would arrive whole without the trace's lock; the device's library does not, which is why the
+// trace must hold its lock around every call.
+class lock_probing_capture {
+public:
+    lock_probing_capture() { vorna_log_host_set_writer(&lock_probing_capture::write, this); }
+    ~lock_probing_capture() { vorna_log_host_set_writer(nullptr, nullptr); }
+    lock_probing_capture(const lock_probing_capture&) = delete;
+    lock_probing_capture& operator=(const lock_probing_capture&) = delete;
+
+    std::vector<std::string> texts;  // written by the writer only, read once the writers ended
+    size_t written_without_lock = 0;
+
+private:
+    // The probe runs on a thread of its own: try_lock on a mutex the calling thread holds is
+    // undefined. A free lock is always taken; a spurious failure could only hide a fault.
+    static bool trace_lock_is_free()
+    {
+        bool free_now = false;
+        std::thread probe([&free_now] {
+            if (trace_lock.try_lock()) {
+                free_now = true;
+                trace_lock.unlock();
+            }
+        });
+        probe.join();
+        return free_now;
+    }
+
+    static void write(vlr_log_level_t, const char* text, void* context)
+    {
+        auto* self = static_cast<lock_probing_capture*>(context);
+        if (trace_lock_is_free())
+            ++self->written_without_lock;
+        self->texts.emplace_back(text);
+    }
+};
+
 TEST_F(trace_test, lines_from_many_threads_arrive_whole)
 {
     trace.set_log_level(15);
-    log_capture log;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([t] {
-            for (int i = 0; i < 500; ++i)
-                trace.info("thread %d line %d\n", t, i);
-        });
-    for (auto& thread : threads)
-        thread.join();
-    const auto lines = log.texts();
+    std::vector<std::string> lines;
+    size_t written_without_lock = 0;
+    {
+        lock_probing_capture log;
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([t] {
+                for (int i = 0; i < 500; ++i)
+                    trace.info("thread %d line %d\n", t, i);
+            });
+        for (auto& thread : threads)
+            thread.join();
+        lines = log.texts;
+        written_without_lock = log.written_without_lock;
+    }
+    EXPECT_EQ(written_without_lock, 0u) << "lines handed to the log library without the trace's lock";
     ASSERT_EQ(lines.size(), 2000u);
     int per_thread[4] = {};
     for (const auto& line : lines) {
