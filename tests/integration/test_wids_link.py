@@ -1,5 +1,6 @@
 """WIDS mode against a real WebSocket service and a real bus peer playing widsd (module 3)."""
 import json
+import queue
 import time
 
 import pytest
@@ -19,6 +20,56 @@ def is_notice(message, notice):
 
 def not_a_notice(message):
     return not is_notice(message, CONNECTED) and not is_notice(message, DISCONNECTED)
+
+
+class DisconnectedNotices:
+    """Tells the "disconnected" notices on the bus apart by counting them against orvd's log.
+
+    The worker posts one at each connect attempt just before its "Delay before connection"
+    line, and one at each disconnect just after its "->Stopping" line. Any more are answers to
+    "status" questions. Both logged lines are info lines of orvd's own, so debug lines between
+    them do not matter.
+    """
+
+    CONNECT_ATTEMPT = r" info: Delay before connection: \d+ sec$"
+    DISCONNECT = r" info: websock-roaming->Stopping$"
+
+    def __init__(self, orvd, peer, logged_before=None):
+        """Counts from now on; `logged_before` is what the log held when the peer started
+        listening (0 and 0 for an orvd started after the peer), else the log of this moment."""
+        self.orvd = orvd
+        self.peer = peer
+        self.start = self.logged() if logged_before is None else logged_before
+        self.received = 0
+
+    def logged(self):
+        """(connect attempts, disconnects) in the log so far."""
+        return (len(self.orvd.log_lines(self.CONNECT_ATTEMPT)), len(self.orvd.log_lines(self.DISCONNECT)))
+
+    def since_start(self, logged):
+        return (logged[0] - self.start[0], logged[1] - self.start[1])
+
+    def expect_answers(self, answers, timeout=15):
+        """Waits until the notices received since the start are exactly one per connect attempt
+        and disconnect logged since then, plus `answers`; fails when they never are."""
+        deadline = time.monotonic() + timeout
+        while True:
+            before = self.logged()
+            while True:  # everything on its way, until the bus has been quiet for 0.3 s
+                try:
+                    message = self.peer.receive(timeout=0.3)
+                except queue.Empty:
+                    break
+                self.received += is_notice(message, DISCONNECTED)
+            after = self.logged()
+            attempts, disconnects = self.since_start(after)
+            if before == after and self.received == attempts + disconnects + answers:
+                return
+            if time.monotonic() > deadline:
+                raise AssertionError(
+                    f"{self.received} 'disconnected' notices for {attempts} connect attempts, "
+                    f"{disconnects} disconnects and {answers} status answers:\n{self.orvd.log()[-3000:]}"
+                )
 
 
 @pytest.fixture
@@ -117,12 +168,13 @@ def test_a_message_queued_while_disconnected_is_never_sent_unless_internal(ws_se
     peer = make_bus_peer()
     orvd = make_orvd(wids_config(port))
     orvd.wait_log(r"Delay before connection")
+    notices = DisconnectedNotices(orvd, peer, logged_before=(0, 0))
     peer.send(b'{"stale":"report"}')
     peer.send(b'{"service":"internal-ipc","cmd":"status"}')
-    # Both are taken from the queue during the delay: the status question is answered, the
-    # report is dropped.
+    # Both are taken from the queue during the delay: the status question is answered with a
+    # "disconnected" of its own, beside the one of each connect attempt; the report is dropped.
     orvd.wait_log(r"websock-roaming->From queue", count=2)
-    peer.receive_until(lambda m: is_notice(m, DISCONNECTED))
+    notices.expect_answers(1)
 
     from harness.wsserver import WsServer
 
@@ -148,15 +200,20 @@ def test_status_is_answered_with_the_link_state(ws_server, linked):
 
 def test_unlink_stops_every_further_connection_but_status_is_still_answered(ws_server, linked):
     orvd, peer, conn = linked
+    notices = DisconnectedNotices(orvd, peer)
     peer.send(b'{"service":"internal-ipc","cmd":"unlink"}')
     ws_server.wait_closed(conn, timeout=5)
-    peer.receive_until(lambda m: is_notice(m, DISCONNECTED))
+    # The link is left at once: one disconnect, with its own "disconnected" beside the ones of
+    # the connect attempts that follow.
+    orvd.wait_log(DisconnectedNotices.DISCONNECT, count=notices.start[1] + 1)
+    notices.expect_answers(0)
     # With delays 0/0 a reconnect would come within about 4 s.
     time.sleep(6)
     assert len(ws_server.connections) == 1
-    peer.drain()
+    # Still answered during the delays of the attempts that never connect.
     peer.send(b'{"service":"internal-ipc","cmd":"status"}')
-    assert json.loads(peer.receive(timeout=5)) == DISCONNECTED
+    notices.expect_answers(1)
+    assert notices.since_start(notices.logged())[1] == 1  # no disconnect after the first
     assert len(ws_server.connections) == 1
     assert orvd.running()
 

@@ -1,9 +1,10 @@
 // How the agent follows hostapd and widsd through pid files and notice markers, and how it
 // reacts to the WebSocket worker's "connected" and "disconnected" notices.
-#include <thread>
+#include <chrono>
 
 #include "core/run_flags.h"
 #include "rrm_fixture.h"
+#include "usleep_probe.h"
 
 using ::testing::_;
 using ::testing::AnyNumber;
@@ -360,26 +361,34 @@ TEST_F(lifecycle_test, destruction_stops_everything_and_puts_the_radios_back)
 }
 
 // The worker's own thread: with widsd running outside sentry mode and no hostapd, each connect
-// succeeds and the next check gives up, every 300 ms.
+// succeeds and the next check gives up; the worker loop then pauses exactly 300 ms (recorded
+// as the loop asks usleep for it) before it connects again.
 TEST_F(lifecycle_test, widsd_outside_sentry_mode_cycles_through_connect_every_300_ms)
 {
-    EXPECT_EQ(rrm_worker::reconnect_pause_us, 300000);
     make_agent();
     root.create(widsd_pid);
+    usleep_recorder pauses("orvd:rrm");
     agent->start();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    const bool three_rounds = pauses.wait_for(3, std::chrono::seconds(20));
     write_run_flag(run, false);
     agent->join();
+    ASSERT_TRUE(three_rounds) << "the agent paused fewer than three times";
+
+    const std::vector<useconds_t> asked = pauses.pauses();
+    for (size_t i = 0; i < asked.size(); ++i)
+        EXPECT_EQ(asked[i], 300000u) << "pause " << i;
     size_t connects = 0;
     size_t give_ups = 0;
     for (const std::string& line : log.texts()) {
         connects += line == "Connected to widsd\n";
         give_ups += line == "Hostapd is not init and widsd is not sentry mode\n";
     }
-    // About three rounds fit into a second; at least two leave no doubt that it repeats.
-    EXPECT_GE(connects, 2u);
-    EXPECT_LE(connects, 5u);
-    EXPECT_GE(give_ups, 2u);
+    // One pause after each round that gave up, except perhaps the last one, which may have
+    // ended with the run flag instead.
+    EXPECT_GE(give_ups, asked.size());
+    EXPECT_LE(give_ups, asked.size() + 1);
+    EXPECT_GE(connects, give_ups);
+    EXPECT_LE(connects, give_ups + 1);
 }
 
 }  // namespace

@@ -585,6 +585,32 @@ TEST_P(running_scan_test, stopping_the_timers_stops_the_driver_scan)
     expect_served_at_once();
 }
 
+// Each of the agent's six timers armed once more beside the scan's own, each recording whether
+// it ran: after stop_timers none is left and none runs, however far the clock moves on.
+TEST_P(running_scan_test, stopping_the_timers_cancels_each_of_the_six_timer_ids)
+{
+    start_running_scan();
+    const std::vector<int> ids = {rrm_worker::TIMER_SCAN_DELAY,     rrm_worker::TIMER_SCAN_PASS,
+                                  rrm_worker::TIMER_SUBSCRIBE,      rrm_worker::TIMER_RESPONSE_DELAY,
+                                  rrm_worker::TIMER_PROBE_RESPONSE, rrm_worker::TIMER_BLACKLIST};
+    ASSERT_EQ(ids, (std::vector<int>{0, 1, 2, 3, 4, 5}));
+    std::vector<int> ran;
+    for (int id : ids)
+        agent->timers.add_timer([&ran, id] { ran.push_back(id); }, id, 1 + id);
+    for (int id : ids)
+        ASSERT_TRUE(is_armed(id)) << "timer " << id;
+
+    EXPECT_CALL(driver, stop(standard())).WillOnce(Return(0));
+    agent->stop_timers();
+    for (int id : ids)
+        EXPECT_FALSE(is_armed(id)) << "timer " << id << " is still armed";
+    EXPECT_TRUE(armed().empty());
+
+    // An hour later: whatever was left would be overdue and run now.
+    agent->timers.process_once(agent->timers.time_monotonic() + 3600);
+    EXPECT_EQ(ran, std::vector<int>{}) << "timers that ran after stop_timers";
+}
+
 INSTANTIATE_TEST_SUITE_P(scan_kinds, running_scan_test, ::testing::Bool(),
                          [](const ::testing::TestParamInfo<bool>& kind) {
                              return kind.param ? std::string("standard_scan") : std::string("driver_rrm_scan");

@@ -11,6 +11,7 @@
 
 #include "core/trace.h"
 #include "core/websock_cfg.h"
+#include "heap_probe.h"
 #include "log_capture.h"
 
 namespace {
@@ -233,15 +234,28 @@ TEST_F(websock_worker_test, a_zero_length_final_fragment_delivers_the_earlier_pi
     EXPECT_EQ(drain(from_server), std::vector<std::string>{"first-second"});
 }
 
+// A message is gathered in one heap block, grown in place or moved by realloc, and that block
+// is what the partner gets: a copy would be a second block made while the first still lives,
+// so its address could never be the gathered block's.
 TEST_F(websock_worker_test, the_delivered_buffer_is_the_reassembled_object_itself)
 {
     auto worker = make(0, 0);
-    char a[] = "x";
-    worker.process_client_receive_fragment(a, 1, true, 0);
-    buffer_ptr first;
-    from_server.dequeue([&](const buffer_ptr& item) { first = item; });
-    ASSERT_TRUE(first);
-    EXPECT_EQ(first.use_count(), 1);  // the worker kept no reference: it made a new buffer
+    std::vector<char> first_piece(64 * 1024, 'a');
+    std::vector<char> last_piece(64 * 1024, 'b');
+    buffer_ptr delivered;
+    const void* gathered = nullptr;
+    {
+        block_tracker blocks(first_piece.size());
+        worker.process_client_receive_fragment(first_piece.data(), first_piece.size(), false, 0);
+        ASSERT_NE(blocks.block(), nullptr) << "the first piece was not put into a block of its own";
+        worker.process_client_receive_fragment(last_piece.data(), last_piece.size(), true, 0);
+        gathered = blocks.block();
+        from_server.dequeue([&](const buffer_ptr& item) { delivered = item; });
+    }
+    ASSERT_TRUE(delivered);
+    ASSERT_EQ(delivered->size, first_piece.size() + last_piece.size());
+    EXPECT_EQ(static_cast<const void*>(delivered->data), gathered) << "the message was copied before delivery";
+    EXPECT_EQ(delivered.use_count(), 1);  // the worker kept no reference: it made a new buffer
 }
 
 TEST_F(websock_worker_test, an_empty_message_is_dropped_with_an_error)
