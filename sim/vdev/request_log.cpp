@@ -85,6 +85,9 @@ void request_log::write_line(const char* role, int module, int source, std::stri
     json_object_object_add(line.get(), "module", json_object_new_int(module));
     json_object_object_add(line.get(), "source", json_object_new_int(source));
     json_object_object_add(line.get(), "request", as_logged(request));
+    // Parsed, the request loses the order of its keys; the daemon's own text keeps it.
+    json_object_object_add(line.get(), "request_text",
+                           json_object_new_string(bus_escape::escape(request).c_str()));
     json_object_object_add(line.get(), "reply", reply);  // null: no reply was sent
     const std::string text = json_text(line.get()) + "\n";
     size_t done = 0;

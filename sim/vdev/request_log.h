@@ -18,8 +18,9 @@ public:
     // Starts an empty log.
     bool open(std::string* error);
 
-    // {"time", "as", "module", "source", "request", "reply"}: the request and the reply as JSON
-    // objects, or as their escaped text when they are not JSON.
+    // {"time", "as", "module", "source", "request", "request_text", "reply"}: the request and the
+    // reply as JSON objects, or as their escaped text when they are not JSON; "request_text" is
+    // the request exactly as it arrived (escaped), so that the order of its keys can be checked.
     void record(const char* role, int module, int source, std::string_view request, std::string_view reply);
     // The same line for a request a muted daemon left unanswered: "reply" is null.
     void record_unanswered(const char* role, int module, int source, std::string_view request);

@@ -68,3 +68,30 @@ def test_without_log_level_the_daemon_is_silent_after_start_up(orvd_binary, tmp_
     result, _ = run(orvd_binary, "-f", str(conf))
     assert result.returncode == 0
     assert result.stderr == b""
+
+
+# RRM mode writes debug lines while it builds the radio driver, before any worker has started:
+# whether they appear shows the level the daemon runs with from start-up on.
+RRM_WITHOUT_A_SERVICE = [
+    "quillon_service_url=ws://127.0.0.1:1/rrm",
+    "initial_connection_delay=1",
+    "max_connection_delay=1",
+]
+
+
+def run_rrm_for_a_while(make_orvd, lines):
+    orvd = make_orvd(lines)
+    time.sleep(2)
+    assert orvd.running(), orvd.log()
+    status, _ = orvd.terminate()
+    assert status == 0
+    return orvd.log()
+
+
+def test_in_rrm_mode_without_log_level_nothing_is_written_once_the_file_is_read(make_orvd):
+    assert run_rrm_for_a_while(make_orvd, RRM_WITHOUT_A_SERVICE) == ""
+
+
+def test_in_rrm_mode_with_log_level_at_debug_the_driver_start_up_is_written(make_orvd):
+    log = run_rrm_for_a_while(make_orvd, RRM_WITHOUT_A_SERVICE + ["log_level=0x0F"])
+    assert " orvd debug: <interface_is_up:" in log, log[-3000:]

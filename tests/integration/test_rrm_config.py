@@ -45,6 +45,15 @@ def test_the_config_of_a_successful_subscription_retunes_the_radios_through_netw
         ("wlan1", {"auto-channel": "false", "channel": "44", "bandwidth": "40", "control-sideband": "upper"}),
     ]
     assert all(entry["reply"]["status"] == "ok" for entry in updates)
+    # Parsed, the requests hide the order orvd writes their parameters in; the text shows it.
+    assert [entry["request_text"] for entry in updates] == [
+        '{"command":"update-quillon","ifname":"wlan0","params":{"tx-power":"14"}}',
+        '{"command":"update-quillon","ifname":"wlan0","params":'
+        '{"auto-channel":"false","channel":"11","bandwidth":"20"}}',
+        '{"command":"update-quillon","ifname":"wlan1","params":{"tx-power":"18"}}',
+        '{"command":"update-quillon","ifname":"wlan1","params":'
+        '{"auto-channel":"false","channel":"44","bandwidth":"40","control-sideband":"upper"}}',
+    ]
 
     # The emulated radios run the new settings: 44 upper at 40 MHz is centre 42, upper position.
     assert ap.vdev.radio_state("wlan0")["chanspec"] == 0x1000 | 11

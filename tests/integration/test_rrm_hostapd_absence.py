@@ -1,6 +1,7 @@
 """RRM mode end to end, hostapd gone for a while on the real 60-second grace (hence slow): back
 within the grace, the agent goes on and reports the radios again; gone for longer, the agent
-leaves hostapd and waits for it in its connect loop, while the link to the service stays up."""
+leaves hostapd and waits for it in its connect loop, while the link to the service stays up;
+absent when orvd starts, the agent waits for it in the same loop, however long it takes."""
 import time
 
 import pytest
@@ -95,3 +96,34 @@ def test_hostapd_gone_for_more_than_60_s_stops_the_agent_until_it_is_back_on_the
     assert handled() == asked + ignored + 1
     assert [r["status"] for r in ap.round_trip()["radios"]] == [1, 1]
     assert ap.conn.closed is None and len(ap.service.connections) == 1
+
+
+def test_hostapd_absent_for_30_s_at_start_up_the_daemon_waits_and_subscribes_once_it_starts(make_ap):
+    ap = make_ap(hostapd=False)
+    ap.service.answer_subscribe("success")
+    ap.conn = ap.service.wait_connection(timeout=TIMEOUT)
+    connected = time.monotonic()
+
+    # The agent waits in its connect loop three times as long as the clock guard allows
+    # between two readings of a worker's clock.
+    time.sleep(30)
+    assert ap.orvd.running(), f"orvd ended with {ap.orvd.proc.returncode}:\n{ap.orvd.log()[-3000:]}"
+    assert ap.orvd.log_lines("Connected to hostapd") == []
+    assert ap.count("subscribe-request") == 0
+    assert ap.conn.closed is None
+
+    start_hostapd(ap)
+    ap.orvd.wait_log("Connected to hostapd", timeout=TIMEOUT)
+    # The first reading of the clock after the wait is the one that would end the process.
+    deadline = time.monotonic() + TIMEOUT
+    while ap.count("subscribe-request") == 0:
+        assert ap.orvd.running(), f"orvd ended with {ap.orvd.proc.returncode}:\n{ap.orvd.log()[-3000:]}"
+        assert time.monotonic() < deadline, "no subscribe-request once hostapd started"
+        time.sleep(0.05)
+    request = ap.wait_for("subscribe-request")
+    assert request.time - connected >= 30
+    assert [r["status"] for r in request.message["radios"]] == [1, 1]
+    ap.service.wait_sent("subscribe-response", conn=ap.conn)
+    assert [r["status"] for r in ap.round_trip()["radios"]] == [1, 1]
+    assert ap.orvd.running()
+    assert len(ap.service.connections) == 1

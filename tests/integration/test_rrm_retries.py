@@ -1,7 +1,8 @@
 """RRM mode end to end, subscription retries on their real timers (30 s and more, hence slow):
-a service that does not answer, one that answers without a status, one that is busy (503) and
-one that refuses. hostapd is stopped before orvd starts, so that each link carries exactly one
-request before any retry: the one sent once hostapd has started."""
+a service that does not answer, one that answers without a status (during the 30, 60 and
+120 s intervals), one that is busy (503) and one that refuses. hostapd is stopped before orvd
+starts, so that each link carries exactly one request before any retry: the one sent once
+hostapd has started."""
 import time
 
 import pytest
@@ -41,6 +42,40 @@ def test_a_request_without_an_answer_or_answered_without_a_status_is_repeated_af
     assert [r["status"] for r in second.message["radios"]] == [1, 1]
     ap.service.wait_sent("subscribe-response", n=2, conn=ap.conn)
     assert ap.round_trip()["domain"] == "default-rrm-domain"
+
+
+def sleep_until(monotonic):
+    time.sleep(max(0.0, monotonic - time.monotonic()))
+
+
+def test_answers_without_a_status_leave_the_60_s_and_120_s_intervals_running_from_their_request(make_ap):
+    ap = make_ap(hostapd=False)
+    ap.service.answer_subscribe("silent")
+    ap.conn = ap.service.wait_connection(timeout=TIMEOUT)
+    start_hostapd(ap)
+    first = ap.wait_for("subscribe-request")
+    second = ap.wait_for("subscribe-request", n=2, timeout=30 + 30)
+    assert 30 - SLACK <= second.time - first.time <= 30 + SLACK
+
+    # 40 s into the 60 s interval: an interval started afresh would end 100 s after the request.
+    sleep_until(second.time + 40)
+    ap.service.send("subscribe-response", {"code": 200, "domain": "not-taken"}, conn=ap.conn)
+    ap.round_trip()  # handled before the retry is due
+    # Waited for long enough to see a restarted interval end too.
+    third = ap.wait_for("subscribe-request", n=3, timeout=60 + 30)
+    assert 60 - SLACK <= third.time - second.time <= 60 + SLACK
+
+    # 50 s into the 120 s interval: afresh, it would end 170 s after the request.
+    sleep_until(third.time + 50)
+    ap.service.send("subscribe-response", {"code": 200}, conn=ap.conn)
+    ap.round_trip()
+    ap.service.answer_subscribe("success")
+    fourth = ap.wait_for("subscribe-request", n=4, timeout=120 + 30)
+    assert 120 - SLACK <= fourth.time - third.time <= 120 + SLACK
+    # The two answers without a status, then the success.
+    ap.service.wait_sent("subscribe-response", n=3, conn=ap.conn)
+    assert ap.round_trip()["domain"] == "default-rrm-domain"
+    assert ap.count("subscribe-request") == 4
 
 
 def test_a_busy_service_is_asked_again_after_60_s(make_ap):

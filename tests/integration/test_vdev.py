@@ -287,6 +287,9 @@ def test_every_request_served_is_in_the_request_log(vdev, configd, make_bus_peer
     assert log[0]["reply"]["value"] == "WPA2_1X"
     assert log[1]["reply"]["reason"] == "not found"
     assert log[2]["request"]["params"] == {"tx-power": "12"}
+    # The text as it arrived, keys in the sender's order.
+    assert log[0]["request_text"] == '{"command":"get","path":"/interface/wlan0-va0/vap/security-mode"}'
+    assert log[2]["request_text"] == '{"command":"update-quillon","ifname":"wlan0","params":{"tx-power":"12"}}'
     assert all(line["time"].endswith("Z") for line in log)
 
 
