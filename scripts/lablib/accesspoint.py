@@ -60,6 +60,7 @@ class AccessPoint:
         self.log_rest = b""
         self.reports = {}  # neighbour-report file -> last content shown
         self.gets = 0  # configd reads served (counted, not shown)
+        self.updates_seen = None  # monotonic time of the last look that found radio updates
 
     def ctl(self, vdev: pathlib.Path, *words) -> str:
         """What `orvd-vdev --root ROOT ctl WORDS...` writes; LabError when it fails."""

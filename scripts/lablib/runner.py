@@ -21,6 +21,7 @@ from .events import APPLIED, Narrator, describe_applied
 from .programs import LabError, Program, exit_text, last_lines, sanitizer_runtime
 
 TICK = 0.2  # seconds between two looks at everything
+UPDATES_SETTLE_S = 2.0  # quiet after a radio update before the radios are read back
 
 
 class Lab:
@@ -276,11 +277,16 @@ class Lab:
     # -- the access point's side ----------------------------------------------------------------
 
     def look_at_requests(self, ap: AccessPoint):
-        """The networkd requests orvd sent since the last look; after an update that changed the
-        radios, what the virtual access point now has."""
-        last_update = self.narrator.show_requests(ap, ap.new_requests())
-        if last_update is not None:
-            self.display.add(last_update + 1e-6, ap.label, self.applied_radios(ap))
+        """The networkd requests orvd sent since the last look; once a burst of updates that
+        changed the radios has ended, what the virtual access point now has. A decision is
+        applied as several requests (channel, then power, radio by radio) that may fall into
+        different looks: the radios are read back only after a look with no update and
+        UPDATES_SETTLE_S without one, so that the readout shows the whole decision."""
+        if self.narrator.show_requests(ap, ap.new_requests()) is not None:
+            ap.updates_seen = time.monotonic()
+        elif ap.updates_seen is not None and time.monotonic() - ap.updates_seen >= UPDATES_SETTLE_S:
+            ap.updates_seen = None
+            self.display.add(time.monotonic(), ap.label, self.applied_radios(ap))
 
     def applied_radios(self, ap: AccessPoint, heading: str = APPLIED) -> str:
         try:
