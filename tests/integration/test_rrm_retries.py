@@ -27,12 +27,18 @@ def start_hostapd(ap):
     assert result.returncode == 0, result.stderr.decode()
 
 
-def test_a_request_without_an_answer_or_answered_without_a_status_is_repeated_after_30_s(make_ap):
+def first_request_left_unanswered(make_ap):
+    """orvd linked to a silent service, hostapd started: the access point and its first
+    subscribe-request."""
     ap = make_ap(hostapd=False)
     ap.service.answer_subscribe("silent")
     ap.conn = ap.service.wait_connection(timeout=TIMEOUT)
     start_hostapd(ap)
-    first = ap.wait_for("subscribe-request")
+    return ap, ap.wait_for("subscribe-request")
+
+
+def test_a_request_without_an_answer_or_answered_without_a_status_is_repeated_after_30_s(make_ap):
+    ap, first = first_request_left_unanswered(make_ap)
     # An answer without "status" is no answer: the retry timer keeps running.
     ap.service.send("subscribe-response", {"code": 200, "domain": "not-taken"}, conn=ap.conn)
     ap.service.answer_subscribe("success")
@@ -49,11 +55,7 @@ def sleep_until(monotonic):
 
 
 def test_answers_without_a_status_leave_the_60_s_and_120_s_intervals_running_from_their_request(make_ap):
-    ap = make_ap(hostapd=False)
-    ap.service.answer_subscribe("silent")
-    ap.conn = ap.service.wait_connection(timeout=TIMEOUT)
-    start_hostapd(ap)
-    first = ap.wait_for("subscribe-request")
+    ap, first = first_request_left_unanswered(make_ap)
     second = ap.wait_for("subscribe-request", n=2, timeout=30 + 30)
     assert 30 - SLACK <= second.time - first.time <= 30 + SLACK
 
