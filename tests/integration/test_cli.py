@@ -5,6 +5,8 @@ import time
 
 import pytest
 
+from harness.programs import launch
+
 # A start that runs no worker returns at once; this bound only catches a hang.
 QUICK = 10
 
@@ -14,7 +16,8 @@ def run(binary, *args, env_root=None):
     if env_root is not None:
         env["ORVD_ROOT"] = str(env_root)
     started = time.monotonic()
-    result = subprocess.run([binary, *args], capture_output=True, timeout=QUICK, env=env, stdin=subprocess.DEVNULL)
+    argv, env = launch([binary, *args], env)
+    result = subprocess.run(argv, capture_output=True, timeout=QUICK, env=env, stdin=subprocess.DEVNULL)
     return result, time.monotonic() - started
 
 

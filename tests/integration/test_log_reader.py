@@ -6,7 +6,7 @@ import signal
 import subprocess
 import time
 
-from harness.programs import program, wids_config
+from harness.programs import launch, program, wids_config
 
 
 def test_debug_logging_into_an_undrained_pipe_drops_lines_instead_of_stopping_the_link(
@@ -16,13 +16,8 @@ def test_debug_logging_into_an_undrained_pipe_drops_lines_instead_of_stopping_th
     conf = tmp_path / "orvd.conf"
     conf.write_text("".join(line + "\n" for line in wids_config(ws_server.port, log_level="0x0F")))
     reader, writer = os.pipe()
-    proc = subprocess.Popen(
-        [program("orvd"), "-f", str(conf)],
-        stdin=subprocess.DEVNULL,
-        stdout=writer,
-        stderr=writer,
-        env=dict(os.environ, ORVD_ROOT=str(device_root)),
-    )
+    argv, env = launch([program("orvd"), "-f", str(conf)], dict(os.environ, ORVD_ROOT=str(device_root)))
+    proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=writer, stderr=writer, env=env)
     os.close(writer)
     try:
         conn = ws_server.wait_connection()

@@ -3,6 +3,7 @@ import os
 import pathlib
 import queue
 import re
+import shlex
 import signal
 import subprocess
 import threading
@@ -34,6 +35,33 @@ def program(name):
     return str(path)
 
 
+# Set by a target build's ctest (e.g. "qemu-mips -L SYSROOT"): every program of the build runs
+# on the target CPU through this emulator, the simulator's as much as orvd, since the bus frame
+# is in host byte order on both sides of a real device.
+EMULATOR_VARIABLE = "ORVD_TEST_EMULATOR"
+
+# Variables for the target's dynamic loader: in the emulator's own environment the host's
+# loader would act on them, so they reach the target program through qemu's -E instead.
+_TARGET_LOADER_VARIABLES = ("LD_PRELOAD",)
+
+
+def emulator():
+    """The emulator's command words, or [] when the build is the host's own."""
+    return shlex.split(os.environ.get(EMULATOR_VARIABLE, ""))
+
+
+def launch(argv, env=None):
+    """(argv, env) that start a program of the build, through the emulator in a target build."""
+    env = dict(os.environ if env is None else env)
+    prefix = emulator()
+    if not prefix:
+        return list(argv), env
+    for name in _TARGET_LOADER_VARIABLES:
+        if name in env:
+            prefix += ["-E", f"{name}={env.pop(name)}"]
+    return prefix + list(argv), env
+
+
 class Orvd:
     """orvd with a configuration file and a device root of its own; its log goes to a file."""
 
@@ -47,10 +75,13 @@ class Orvd:
         self.proc = None
 
     def start(self):
-        env = dict(os.environ, ORVD_ROOT=str(self.root), **self.environment)
+        argv, env = launch(
+            [program("orvd"), "-f", str(self.conf)],
+            dict(os.environ, ORVD_ROOT=str(self.root), **self.environment),
+        )
         self._log = open(self.log_path, "wb")
         self.proc = subprocess.Popen(
-            [program("orvd"), "-f", str(self.conf)],
+            argv,
             stdin=subprocess.DEVNULL,
             stdout=self._log,
             stderr=subprocess.STDOUT,
@@ -142,9 +173,12 @@ class BusPeer:
     def __init__(self, root, module, to):
         self.root = pathlib.Path(root)
         self.module = module
-        env = dict(os.environ, ORVD_ROOT=str(root))
-        self.proc = subprocess.Popen(
+        argv, env = launch(
             [program("orvd-bus"), "peer", "--as", str(module), "--to", str(to)],
+            dict(os.environ, ORVD_ROOT=str(root)),
+        )
+        self.proc = subprocess.Popen(
+            argv,
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,

@@ -9,7 +9,7 @@ import subprocess
 import threading
 import time
 
-from .programs import program
+from .programs import launch, program
 
 _runs = itertools.count()
 
@@ -28,8 +28,12 @@ class Vdev:
 
     def start(self, expect_ready=True, timeout=10):
         self._log = open(self.log_path, "wb")
+        argv, env = launch(
+            [program("orvd-vdev"), "--root", str(self.root), "--scenario", str(self.scenario)]
+        )
         self.proc = subprocess.Popen(
-            [program("orvd-vdev"), "--root", str(self.root), "--scenario", str(self.scenario)],
+            argv,
+            env=env,
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=self._log,
@@ -75,8 +79,10 @@ class Vdev:
 
     # -- the control interface ----------------------------------------------------------------
     def ctl(self, *words):
+        argv, env = launch([program("orvd-vdev"), "--root", str(self.root), "ctl", *words])
         return subprocess.run(
-            [program("orvd-vdev"), "--root", str(self.root), "ctl", *words],
+            argv,
+            env=env,
             capture_output=True,
             timeout=10,
             stdin=subprocess.DEVNULL,
