@@ -3,6 +3,7 @@
 Each test installs the build folder into a temporary prefix of its own; nothing outside it is
 touched.
 """
+import contextlib
 import os
 import pathlib
 import shutil
@@ -60,18 +61,26 @@ def test_install_puts_the_daemon_in_sbin_and_its_configuration_in_etc_and_nothin
     assert installed["share/orvd/orvd.service"].read_bytes() == UNIT.read_bytes()
 
 
-def run_installed(prefix, conf, root):
+@contextlib.contextmanager
+def installed_orvd(prefix, conf, root):
+    """The installed daemon in a device root of its own; killed if a test leaves it running."""
     env = dict(os.environ, ORVD_ROOT=str(root))
-    return subprocess.Popen([str(prefix / "sbin" / "orvd"), "-f", str(conf)], env=env,
+    orvd = subprocess.Popen([str(prefix / "sbin" / "orvd"), "-f", str(conf)], env=env,
                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    try:
+        yield orvd
+    finally:
+        if orvd.poll() is None:
+            orvd.kill()
+            orvd.communicate()
 
 
 def test_the_installed_configuration_names_no_service_so_the_daemon_exits_0_at_once(tmp_path):
     prefix = tmp_path / "prefix"
     install(prefix)
     (tmp_path / "root").mkdir()
-    orvd = run_installed(prefix, prefix / "etc" / "orvd.conf", tmp_path / "root")
-    output, _ = orvd.communicate(timeout=QUICK)
+    with installed_orvd(prefix, prefix / "etc" / "orvd.conf", tmp_path / "root") as orvd:
+        output, _ = orvd.communicate(timeout=QUICK)
     assert orvd.returncode == 0, output
 
 
@@ -85,16 +94,11 @@ def test_the_installed_configuration_with_its_url_uncommented_runs_until_sigterm
     conf = tmp_path / "orvd.conf"
     conf.write_text(text.replace(EXAMPLE_URL_LINE, "quillon_service_url=ws://127.0.0.1:1/rrm\n"))
     (tmp_path / "root").mkdir()
-    orvd = run_installed(prefix, conf, tmp_path / "root")
-    try:
+    with installed_orvd(prefix, conf, tmp_path / "root") as orvd:
         time.sleep(2)
         assert orvd.poll() is None, orvd.communicate()[0]
         orvd.send_signal(signal.SIGTERM)
         output, _ = orvd.communicate(timeout=QUICK)
-    finally:
-        if orvd.poll() is None:
-            orvd.kill()
-            orvd.wait()
     assert orvd.returncode == 0, output
 
 
