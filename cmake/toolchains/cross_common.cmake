@@ -27,16 +27,21 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 set(ENV{PKG_CONFIG_LIBDIR}
-    "${ORVD_CROSS_SYSROOT}/usr/lib/${ORVD_CROSS_TRIPLET}/pkgconfig:${ORVD_CROSS_SYSROOT}/usr/share/pkgconfig")
+    "${ORVD_CROSS_SYSROOT}/usr/lib/${ORVD_CROSS_TRIPLET}/pkgconfig:${ORVD_CROSS_SYSROOT}/usr/lib/pkgconfig:${ORVD_CROSS_SYSROOT}/usr/share/pkgconfig")
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${ORVD_CROSS_SYSROOT})
 set(ENV{PKG_CONFIG_PATH} "")
+
+# A 64-bit time_t on these 32-bit CPUs (glibc 2.34 and later), so that log stamps and clock
+# readings go on past January 2038. No time_t crosses into json-c, libwebsockets or the
+# device libraries, so their builds with a 32-bit one do not mind.
+set(ORVD_CROSS_FLAGS "-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
 
 # Multiarch headers of the sysroot's packages (openssl's configuration, for one), and the
 # folders where the linker finds the libraries that the sysroot's libraries need.
 set(ORVD_CROSS_LIBDIRS
     "${ORVD_CROSS_SYSROOT}/usr/lib/${ORVD_CROSS_TRIPLET}:${ORVD_CROSS_SYSROOT}/lib/${ORVD_CROSS_TRIPLET}")
-set(CMAKE_C_FLAGS_INIT "-isystem ${ORVD_CROSS_SYSROOT}/usr/include/${ORVD_CROSS_TRIPLET}")
-set(CMAKE_CXX_FLAGS_INIT "-isystem ${ORVD_CROSS_SYSROOT}/usr/include/${ORVD_CROSS_TRIPLET}")
+set(CMAKE_C_FLAGS_INIT "${ORVD_CROSS_FLAGS} -isystem ${ORVD_CROSS_SYSROOT}/usr/include/${ORVD_CROSS_TRIPLET}")
+set(CMAKE_CXX_FLAGS_INIT "${ORVD_CROSS_FLAGS} -isystem ${ORVD_CROSS_SYSROOT}/usr/include/${ORVD_CROSS_TRIPLET}")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${ORVD_CROSS_LIBDIRS}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,-rpath-link,${ORVD_CROSS_LIBDIRS}")
 

@@ -13,10 +13,19 @@ namespace {
 
 using ioctl_function = int (*)(int, unsigned long, ...);
 
+// With a 64-bit time_t on a 32-bit CPU, <sys/ioctl.h> gives ioctl() the symbol __ioctl_time64:
+// the daemon calls that, the definition below takes that name too, and the C library's own
+// is found under it.
+#if defined(__USE_TIME_BITS64) && __TIMESIZE == 32
+constexpr const char* ioctl_symbol = "__ioctl_time64";
+#else
+constexpr const char* ioctl_symbol = "ioctl";
+#endif
+
 ioctl_function next_ioctl()
 {
     // Resolved once; the initialisation of a function-local static is thread-safe.
-    static const ioctl_function next = reinterpret_cast<ioctl_function>(dlsym(RTLD_NEXT, "ioctl"));
+    static const ioctl_function next = reinterpret_cast<ioctl_function>(dlsym(RTLD_NEXT, ioctl_symbol));
     return next;
 }
 

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <csignal>
 #include <cstring>
 #include <initializer_list>
@@ -16,6 +17,25 @@
 extern char** environ;
 
 namespace {
+
+// The words of $ORVD_TEST_EMULATOR ("qemu-mips -L SYSROOT" in a target build), or none.
+std::vector<std::string> emulator_words()
+{
+    std::vector<std::string> words;
+    const char* text = std::getenv("ORVD_TEST_EMULATOR");
+    std::string word;
+    for (const char* c = text ? text : ""; ; ++c) {
+        if (*c == ' ' || *c == '\0') {
+            if (!word.empty())
+                words.push_back(word);
+            word.clear();
+            if (*c == '\0')
+                return words;
+        } else {
+            word += *c;
+        }
+    }
+}
 
 // How often a wait for the end looks whether the child has gone.
 constexpr auto exit_poll_interval = std::chrono::milliseconds(1);
@@ -113,7 +133,11 @@ bool child_process::start(const std::vector<std::string>& command, const child_s
         close_all({out_pipe[0], out_pipe[1], err_pipe[0], err_pipe[1], in_pipe[0], in_pipe[1]});
         return false;
     }
-    std::vector<std::string> arguments(command);
+    // In a target build the program runs on the target CPU through the emulator (a host
+    // program, which the kernel runs directly when an emulated test starts it).
+    std::vector<std::string> arguments = emulator_words();
+    const bool emulated = !arguments.empty();
+    arguments.insert(arguments.end(), command.begin(), command.end());
     std::vector<char*> argv;
     for (std::string& argument : arguments)
         argv.push_back(&argument[0]);
@@ -144,7 +168,8 @@ bool child_process::start(const std::vector<std::string>& command, const child_s
     else if (!streams.error_file.empty())
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, streams.error_file.c_str(),
                                          O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int result = ::posix_spawn(&process_id, argv[0], &actions, &attributes, argv.data(), environ);
+    const int result = emulated ? ::posix_spawnp(&process_id, argv[0], &actions, &attributes, argv.data(), environ)
+                                : ::posix_spawn(&process_id, argv[0], &actions, &attributes, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
     close_all({out_pipe[1], err_pipe[1], in_pipe[0]});
