@@ -7,7 +7,7 @@ import pathlib
 import subprocess
 
 from .addresses import mac_number, mac_text
-from .programs import LabError
+from .programs import LabError, through_emulator
 
 
 def derived_scenario(source: dict, number: int) -> dict:
@@ -64,9 +64,9 @@ class AccessPoint:
 
     def ctl(self, vdev: pathlib.Path, *words) -> str:
         """What `orvd-vdev --root ROOT ctl WORDS...` writes; LabError when it fails."""
+        argv, env = through_emulator([str(vdev), "--root", str(self.root), "ctl", *words], None)
         result = subprocess.run(
-            [str(vdev), "--root", str(self.root), "ctl", *words],
-            capture_output=True, text=True, timeout=10, stdin=subprocess.DEVNULL,
+            argv, env=env, capture_output=True, text=True, timeout=10, stdin=subprocess.DEVNULL,
         )
         if result.returncode != 0:
             raise LabError(f"{self.label}: orvd-vdev ctl {' '.join(words)}: {result.stderr.strip()}")

@@ -6,6 +6,7 @@ import collections
 import os
 import pathlib
 import queue
+import shlex
 import signal
 import subprocess
 import threading
@@ -30,6 +31,19 @@ def sanitizer_runtime(binary: pathlib.Path) -> str:
         if name.startswith(("libasan.so", "libtsan.so")) and "=>" in line:
             return line.split("=>")[1].split("(")[0].strip()
     return ""
+
+
+def through_emulator(argv, env):
+    """(argv, env) for a program of a target build, which runs on the target CPU through the
+    emulator that $ORVD_TEST_EMULATOR names ("qemu-mips -L SYSROOT"); LD_PRELOAD is for the
+    target's loader, not the emulator's, so it goes through qemu's -E. Unchanged otherwise."""
+    prefix = shlex.split(os.environ.get("ORVD_TEST_EMULATOR", ""))
+    if not prefix:
+        return argv, env
+    env = dict(os.environ if env is None else env)
+    if "LD_PRELOAD" in env:
+        prefix += ["-E", f"LD_PRELOAD={env.pop('LD_PRELOAD')}"]
+    return prefix + list(argv), env
 
 
 def exit_text(status) -> str:
@@ -78,12 +92,13 @@ class Program:
         self.waiting = True  # standard output lines are kept for wait_line until it found its line
 
     def start(self):
+        argv, env = through_emulator(self.argv, self.env)
         self.proc = subprocess.Popen(
-            self.argv,
+            argv,
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
-            env=self.env,
+            env=env,
             start_new_session=True,
             preexec_fn=_die_with_parent,
         )

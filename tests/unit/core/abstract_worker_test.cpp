@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/run_flags.h"
+#include "emulator.h"
 
 namespace {
 
@@ -227,7 +228,7 @@ TEST(abstract_worker_test, connect_and_disconnect_call_the_hooks_only_after_a_su
 
 TEST(abstract_worker_death_test, an_exception_escaping_execute_ends_the_process_with_255)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     EXPECT_EXIT(
         {
             dup2(STDERR_FILENO, STDOUT_FILENO);  // the message goes to standard output
@@ -243,7 +244,7 @@ TEST(abstract_worker_death_test, an_exception_escaping_execute_ends_the_process_
 
 TEST(abstract_worker_death_test, an_exception_of_any_type_is_caught_the_same_way)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     EXPECT_EXIT(
         {
             dup2(STDERR_FILENO, STDOUT_FILENO);

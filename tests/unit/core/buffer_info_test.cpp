@@ -14,6 +14,7 @@
 #include "core/trace.h"
 #include "log_capture.h"
 #include "test_env.h"
+#include "emulator.h"
 
 namespace {
 
@@ -117,7 +118,7 @@ TEST_F(buffer_info_test, append_without_memory_logs_and_keeps_the_old_contents)
 #ifdef ORVD_SANITIZED_BUILD
     GTEST_SKIP() << "address-space limits do not mix with sanitizer runtimes";
 #endif
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     EXPECT_EXIT(
         {
             buffer_info_t buffer;
@@ -166,7 +167,7 @@ TEST_F(buffer_info_test, copy_without_memory_gives_an_empty_buffer_silently)
 #ifdef ORVD_SANITIZED_BUILD
     GTEST_SKIP() << "address-space limits do not mix with sanitizer runtimes";
 #endif
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     EXPECT_EXIT(
         {
             std::vector<char> bytes(256u << 20, 'x');
@@ -339,7 +340,7 @@ TEST_F(buffer_info_test, dump_without_memory_for_the_text_returns_silently)
 #ifdef ORVD_SANITIZED_BUILD
     GTEST_SKIP() << "address-space limits do not mix with sanitizer runtimes";
 #endif
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     EXPECT_EXIT(
         {
             // 400 rows are all written: their text needs about 130 KB, a mapping of its own,

@@ -12,6 +12,7 @@
 #include "core/timer_processor.h"
 #include "core/trace.h"
 #include "vorna_log_host.h"
+#include "emulator.h"
 
 namespace {
 
@@ -293,7 +294,7 @@ TEST(timer_processor, process_waits_for_the_next_timer_and_runs_what_is_due)
 
 TEST(timer_processor, time_monotonic_accepts_a_step_of_ten_seconds)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     EXPECT_EXIT(
         {
             trace.set_log_level(orv_trace::MASK_DEBUG);
@@ -314,7 +315,7 @@ TEST(timer_processor, time_monotonic_accepts_a_step_of_ten_seconds)
 
 TEST(timer_processor, time_monotonic_exits_after_eleven_errors_when_the_worker_stalled)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     // Eleven lines, cnt 0 to cnt 10, in that order; nothing with digits follows the last one,
     // so there is no cnt 11.
     std::string pattern;
@@ -334,7 +335,7 @@ TEST(timer_processor, time_monotonic_exits_after_eleven_errors_when_the_worker_s
 
 TEST(timer_processor, time_monotonic_exits_when_the_clock_went_back)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     EXPECT_EXIT(
         {
             trace.set_log_level(orv_trace::MASK_DEBUG);

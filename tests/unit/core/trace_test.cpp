@@ -10,6 +10,7 @@
 
 #include "log_capture.h"
 #include "vorna_log_host.h"
+#include "emulator.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ protected:
 // executes it anew), which logs at every level through it and reports what reached the library.
 TEST_F(trace_test, the_process_trace_starts_silent)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     EXPECT_EXIT(
         {
             const int mask_at_start = trace.get_log_level();

@@ -11,6 +11,7 @@
 #include "core/run_mode.h"
 #include "core/trace.h"
 #include "log_capture.h"
+#include "emulator.h"
 
 namespace {
 
@@ -320,13 +321,13 @@ using websock_cfg_death_test = websock_cfg_test;
 
 TEST_F(websock_cfg_death_test, an_unknown_option_exits_with_255)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     EXPECT_EXIT(parse({"-x"}), ::testing::ExitedWithCode(255), "");
 }
 
 TEST_F(websock_cfg_death_test, an_option_without_its_argument_exits_with_255)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, fresh_process_death_test_style());
     EXPECT_EXIT(parse({"-f"}), ::testing::ExitedWithCode(255), "");
     EXPECT_EXIT(parse({"-d", "h", "-P"}), ::testing::ExitedWithCode(255), "");
 }

@@ -16,7 +16,9 @@
 namespace {
 
 // The Itanium C++ ABI (gcc and clang on Linux) represents a pointer to a virtual member
-// function as 1 + the operation's byte offset in the virtual table.
+// function as 1 + the operation's byte offset in the virtual table. ARM and MIPS, whose code
+// addresses may be odd (Thumb, MIPS16), keep the offset as it is and mark "virtual" in the
+// low bit of the doubled adjustment instead.
 template <typename Member>
 long slot_of(Member member)
 {
@@ -27,9 +29,15 @@ long slot_of(Member member)
     static_assert(sizeof(Member) == sizeof(representation), "an Itanium pointer to member function");
     representation bits;
     std::memcpy(&bits, &member, sizeof bits);
+#if defined(__arm__) || defined(__aarch64__) || defined(__mips__)
+    if ((bits.adjustment & 1) == 0)
+        return -1;  // not virtual
+    return static_cast<long>(bits.pointer / sizeof(void*));
+#else
     if ((bits.pointer & 1) == 0)
         return -1;  // not virtual
     return static_cast<long>((bits.pointer - 1) / sizeof(void*));
+#endif
 }
 
 // Notes `name` when its slot is not the next one expected.

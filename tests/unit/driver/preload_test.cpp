@@ -13,6 +13,7 @@
 
 #include "driver_test_support.h"
 #include "vdev_fixture.h"
+#include "emulator.h"
 
 extern char** environ;
 
@@ -45,19 +46,30 @@ std::string sanitizer_runtime()
 // standard output.
 run_result run_probe(const std::string& argument_text, const std::vector<std::string>& extra_environment)
 {
+    // Under the emulator the probe runs through it, and LD_PRELOAD, meant for the target's
+    // loader, reaches the probe through qemu's -E instead of the emulator's environment.
+    std::vector<std::string> arguments = emulator_words();
+    const bool emulated = !arguments.empty();
     std::vector<std::string> environment;
     for (char** entry = environ; *entry != nullptr; ++entry)
         if (std::string(*entry).rfind("LD_PRELOAD=", 0) != 0)
             environment.push_back(*entry);
-    environment.insert(environment.end(), extra_environment.begin(), extra_environment.end());
+    for (const std::string& entry : extra_environment) {
+        if (emulated && entry.rfind("LD_PRELOAD=", 0) == 0)
+            arguments.insert(arguments.end(), {"-E", entry});
+        else
+            environment.push_back(entry);
+    }
     std::vector<char*> envp;
     for (auto& entry : environment)
         envp.push_back(&entry[0]);
     envp.push_back(nullptr);
 
-    std::string program = VRTL_PRELOAD_PROBE;
-    std::string argument = argument_text;
-    char* argv[] = {&program[0], &argument[0], nullptr};
+    arguments.insert(arguments.end(), {VRTL_PRELOAD_PROBE, argument_text});
+    std::vector<char*> argv;
+    for (auto& argument : arguments)
+        argv.push_back(&argument[0]);
+    argv.push_back(nullptr);
 
     run_result result;
     int pipe_fds[2];
@@ -67,7 +79,7 @@ run_result run_probe(const std::string& argument_text, const std::vector<std::st
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
     pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, envp.data());
+    const int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     close(pipe_fds[1]);
     if (spawned == 0) {

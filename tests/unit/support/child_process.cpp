@@ -8,34 +8,16 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <csignal>
 #include <cstring>
 #include <initializer_list>
 #include <thread>
 
+#include "emulator.h"
+
 extern char** environ;
 
 namespace {
-
-// The words of $ORVD_TEST_EMULATOR ("qemu-mips -L SYSROOT" in a target build), or none.
-std::vector<std::string> emulator_words()
-{
-    std::vector<std::string> words;
-    const char* text = std::getenv("ORVD_TEST_EMULATOR");
-    std::string word;
-    for (const char* c = text ? text : ""; ; ++c) {
-        if (*c == ' ' || *c == '\0') {
-            if (!word.empty())
-                words.push_back(word);
-            word.clear();
-            if (*c == '\0')
-                return words;
-        } else {
-            word += *c;
-        }
-    }
-}
 
 // How often a wait for the end looks whether the child has gone.
 constexpr auto exit_poll_interval = std::chrono::milliseconds(1);
