@@ -39,15 +39,15 @@ def country_requests(ap):
 
 
 def test_each_radio_holds_the_country_configd_answers_and_none_where_none_is_configured(make_ap, tmp_path):
-    ap = make_ap(countries_scenario(tmp_path))
+    ap = make_ap(countries_scenario(tmp_path), debuggable=True)
     ap.subscribe()
     # configd answers a path it does not have with a failure without a value: no country.
-    assert radio_countries(ap.orvd.proc.pid) == ["DE", ""]
+    assert radio_countries(ap.orvd) == ["DE", ""]
     assert ap.orvd.running()
 
 
 def test_a_radio_whose_country_configd_leaves_unanswered_holds_ru(make_ap, tmp_path):
-    ap = make_ap(countries_scenario(tmp_path), hostapd=False)
+    ap = make_ap(countries_scenario(tmp_path), hostapd=False, debuggable=True)
     ap.service.answer_subscribe("success")
     ap.conn = ap.service.wait_connection(timeout=TIMEOUT)
     configd(ap, "mute")
@@ -65,5 +65,5 @@ def test_a_radio_whose_country_configd_leaves_unanswered_holds_ru(make_ap, tmp_p
     assert [r["status"] for r in request["radios"]] == [1, 1]
     ap.service.wait_sent("subscribe-response", conn=ap.conn)
     ap.round_trip()
-    assert radio_countries(ap.orvd.proc.pid) == ["RU", ""]
+    assert radio_countries(ap.orvd) == ["RU", ""]
     assert ap.orvd.running()

@@ -5,6 +5,7 @@ import queue
 import re
 import shlex
 import signal
+import socket
 import subprocess
 import threading
 import time
@@ -50,8 +51,19 @@ def emulator():
     return shlex.split(os.environ.get(EMULATOR_VARIABLE, ""))
 
 
-def launch(argv, env=None):
-    """(argv, env) that start a program of the build, through the emulator in a target build."""
+def emulator_sysroot():
+    """The target's root the emulator loads libraries from (its -L), or None."""
+    words = emulator()
+    for index, word in enumerate(words[:-1]):
+        if word == "-L":
+            return words[index + 1]
+    return os.environ.get("QEMU_LD_PREFIX")
+
+
+def launch(argv, env=None, gdb_port=None):
+    """(argv, env) that start a program of the build, through the emulator in a target build.
+    With gdb_port, the emulator serves a debugger on that port and holds the program before its
+    first instruction until one connects."""
     env = dict(os.environ if env is None else env)
     prefix = emulator()
     if not prefix:
@@ -59,25 +71,43 @@ def launch(argv, env=None):
     for name in _TARGET_LOADER_VARIABLES:
         if name in env:
             prefix += ["-E", f"{name}={env.pop(name)}"]
+    if gdb_port is not None:
+        prefix += ["-g", str(gdb_port)]
     return prefix + list(argv), env
 
 
-class Orvd:
-    """orvd with a configuration file and a device root of its own; its log goes to a file."""
+def free_port():
+    """A TCP port of this machine no one listens on just now."""
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
 
-    def __init__(self, workdir, root, config_lines, environment=None):
+
+class Orvd:
+    """orvd with a configuration file and a device root of its own; its log goes to a file.
+
+    A debuggable orvd can be looked into while it runs (harness.peek). On the host that needs
+    nothing more: gdb attaches to its pid. Through the emulator the pid is the emulator's, so
+    orvd runs under the emulator's gdb server instead, with a gdb of its own connected for as
+    long as it runs (harness.peek.RemoteDebugger)."""
+
+    def __init__(self, workdir, root, config_lines, environment=None, debuggable=False):
         self.workdir = pathlib.Path(workdir)
         self.root = pathlib.Path(root)
         self.conf = self.workdir / "orvd.conf"
         self.conf.write_text("".join(line + "\n" for line in config_lines))
         self.log_path = self.workdir / "orvd.log"
         self.environment = dict(environment or {})
+        self.debuggable = debuggable
+        self.debugger = None
         self.proc = None
 
     def start(self):
+        gdb_port = free_port() if self.debuggable and emulator() else None
         argv, env = launch(
             [program("orvd"), "-f", str(self.conf)],
             dict(os.environ, ORVD_ROOT=str(self.root), **self.environment),
+            gdb_port=gdb_port,
         )
         self._log = open(self.log_path, "wb")
         self.proc = subprocess.Popen(
@@ -87,6 +117,14 @@ class Orvd:
             stderr=subprocess.STDOUT,
             env=env,
         )
+        if gdb_port is not None:
+            from .peek import RemoteDebugger
+
+            try:
+                self.debugger = RemoteDebugger(program("orvd"), gdb_port, emulator_sysroot(), self.proc.pid)
+            except BaseException:
+                self.kill()
+                raise
         return self
 
     def log(self):
@@ -126,6 +164,8 @@ class Orvd:
         if self.running():
             self.proc.kill()
             self.proc.wait()
+        if self.debugger:
+            self.debugger.close()
         if getattr(self, "_log", None):
             self._log.close()
 

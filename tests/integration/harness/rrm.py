@@ -82,10 +82,12 @@ def write_scenario(directory, name="scenario.json", **changes):
     return path
 
 
-def start_orvd(workdir, root, service, log_level=None, **options):
+def start_orvd(workdir, root, service, log_level=None, debuggable=False, **options):
     """orvd in RRM mode against the service, with reconnect delays of 0 (1 or 2 s); at info
-    level unless log_level or ORVD_TEST_LOG_LEVEL says otherwise."""
-    return Orvd(workdir, root, rrm_config(service.port, log_level=log_level, **options), vrtl_environment()).start()
+    level unless log_level or ORVD_TEST_LOG_LEVEL says otherwise; one harness.peek can look
+    into if debuggable."""
+    config = rrm_config(service.port, log_level=log_level, **options)
+    return Orvd(workdir, root, config, vrtl_environment(), debuggable=debuggable).start()
 
 
 class AccessPoint:
