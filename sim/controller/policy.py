@@ -47,8 +47,11 @@ BAND_5 = 5
 class Settings:
     """The knobs of the policy; the defaults are what the lab runs with."""
 
-    strong_rssi: float = -60.0  # a co-channel neighbour above this (dBm) makes the radio back off
+    strong_rssi: float = -70.0  # a co-channel neighbour above this (dBm) makes the radio back off
     backoff_db: int = 3  # how far below "power-max" it backs off
+    # A radio leaves its channel only for one with at least this much less interference: a
+    # site of access points that all decide settles instead of chasing small differences.
+    min_gain_db: float = 3.0
     fbt_reassoc_deadline: int = 1000
     fbt_over_ds: int = 0
     key_secret: str = "orvd-reference-service"  # seeds the 802.11r keys, which are derived
@@ -263,6 +266,32 @@ def merge_environment(rf_environment) -> list:
     return merged
 
 
+def as_planned(neighbours: Iterable[Neighbour], peers: Sequence[AccessPoint]) -> list:
+    """The neighbours heard, each managed one (a VAP of a peer, by its reported address or the
+    address orvd derives for it) on the channel the service last gave its radio: a scan takes
+    seconds, and a peer decided meanwhile has left the channel it was heard on. Its signal
+    counts as heard, like any other neighbour's."""
+    radios = {}
+    for peer in peers:
+        for radio in peer.radios:
+            if _int(radio.get("status")) != 1 or _int(radio.get("channel")) <= 0:
+                continue
+            for vap in radio.get("vaps") or []:
+                derived = r1_key_holder_id(peer.ap_mac, _int(vap.get("id")), _int(radio.get("id")))
+                for address in (str(vap.get("mac", "")), derived):
+                    radios[address.lower()] = radio
+    result = []
+    for heard in neighbours:
+        radio = radios.get(heard.bssid)
+        if radio is not None:
+            bandwidth = _int(radio.get("bandwidth")) or 20
+            heard = dataclasses.replace(
+                heard, channel=_int(radio.get("channel")), bandwidth=bandwidth,
+                primary=str(radio.get("primary-channel") or "none") if bandwidth == 40 else "none")
+        result.append(heard)
+    return result
+
+
 def radio_band(radio: dict) -> int | None:
     channel = _int(radio.get("channel"))
     if channel > 0:
@@ -319,9 +348,10 @@ def interference(subchannels: Sequence[int], neighbours: Iterable[Neighbour]) ->
     return sum(n.milliwatts * overlap_weight(subchannels, n.subchannels) for n in neighbours)
 
 
-def choose_channel(radio: dict, neighbours: Sequence[Neighbour]) -> tuple:
-    """The candidate with the least interference and that interference; on a tie the radio
-    stays where it is, else the lowest channel wins. (None, 0.0) when it has no channel."""
+def choose_channel(radio: dict, neighbours: Sequence[Neighbour], min_gain_db: float = 0.0) -> tuple:
+    """The candidate with the least interference and that interference; the radio stays where
+    it is unless that is at least min_gain_db less than on its own channel, and on a tie; else
+    the lowest channel wins. (None, 0.0) when it has no channel."""
     options = candidates(parse_channels(radio.get("available-channels")), _int(radio.get("bandwidth")) or 20)
     if not options:
         return None, 0.0
@@ -329,10 +359,10 @@ def choose_channel(radio: dict, neighbours: Sequence[Neighbour]) -> tuple:
     scored = [(interference(k.subchannels, neighbours), k) for k in options]
     least = min(score for score, _ in scored)
     tolerance = max(least * 1e-9, 1e-18)
+    for score, k in scored:
+        if (k.channel, k.bandwidth) == current and score <= least * 10.0 ** (min_gain_db / 10.0) + tolerance:
+            return k, score
     best = [k for score, k in scored if score <= least + tolerance]
-    for k in best:
-        if (k.channel, k.bandwidth) == current:
-            return k, least
     return best[0], least
 
 
@@ -364,7 +394,7 @@ def plan_radio(radio: dict, neighbours: Sequence[Neighbour], settings: Settings 
         return Skipped(radio_id, "locked")
     band = radio_band(radio)
     heard = neighbours_in_band(neighbours, band)
-    chosen, least = choose_channel(radio, heard)
+    chosen, least = choose_channel(radio, heard, settings.min_gain_db)
     if chosen is None:
         return Skipped(radio_id, "no channels")
     power, strong = choose_power(radio, chosen, heard, settings)
@@ -516,7 +546,7 @@ def plan(response: dict, peers: Sequence[AccessPoint] = (), settings: Settings =
     the service serves (with their latest radios); with any, the plan carries the 802.11k
     neighbour lists, switches 802.11r on and has an "fbt-info" to send after the "rrm-info"."""
     radios = [r for r in response.get("radios") or [] if isinstance(r, dict)]
-    heard = merge_environment(response.get("rf-environment"))
+    heard = as_planned(merge_environment(response.get("rf-environment")), peers)
     choices, skipped = [], []
     for radio in radios:
         outcome = plan_radio(radio, heard, settings)

@@ -186,7 +186,7 @@ def test_40_mhz_on_2_4_ghz_needs_both_channels_and_else_uses_20():
 
 def test_full_power_without_a_strong_co_channel_neighbour():
     radios = [radio(0, 6, available="6 ", power=12, power_min=10, power_max=20, vaps=[])]
-    plan = policy.plan(rrm_response(radios, [heard("02:00:00:00:00:01", -65, 6), heard("02:00:00:00:00:02", -40, 9)]))
+    plan = policy.plan(rrm_response(radios, [heard("02:00:00:00:00:01", -75, 6), heard("02:00:00:00:00:02", -40, 9)]))
     assert choice_for(plan, 0).power == 20
 
 
@@ -302,3 +302,47 @@ def test_interference_is_in_milliwatts():
     assert policy.interference((6,), policy.merge_environment([[heard("x", -60, 7)]])) == pytest.approx(0.8e-6)
     assert policy.mw_to_dbm(1e-6) == pytest.approx(-60) and policy.mw_to_dbm(0) is None
     assert math.isclose(policy.dbm_to_mw(-30), 1e-3)
+
+
+# -- a site of access points that all decide -----------------------------------------------------
+
+
+def test_a_radio_moves_only_for_at_least_3_db_less_interference():
+    # on 6 it hears -70 dBm; on 1 and 11 a neighbour 2 dB weaker: not worth the move
+    near_even = [heard("02:00:00:00:00:01", -70, 6), heard("02:00:00:00:00:02", -72, 1), heard("02:00:00:00:00:03", -72, 11)]
+    assert choice_for(policy.plan(two_radio_response(near_even)), 0).channel == 6
+    # 4 dB weaker on 1: it moves, and says how much it gained
+    clearer = [heard("02:00:00:00:00:01", -70, 6), heard("02:00:00:00:00:02", -74, 1), heard("02:00:00:00:00:03", -72, 11)]
+    chosen = choice_for(policy.plan(two_radio_response(clearer)), 0)
+    assert chosen.channel == 1
+    assert chosen.interference == pytest.approx(policy.dbm_to_mw(-74))
+    # without the margin it chases the 2 dB
+    assert choice_for(policy.plan(two_radio_response(near_even), settings=Settings(min_gain_db=0)), 0).channel == 1
+
+
+def test_a_radio_that_stays_reports_the_interference_of_its_own_channel():
+    near_even = [heard("02:00:00:00:00:01", -70, 6), heard("02:00:00:00:00:02", -72, 1), heard("02:00:00:00:00:03", -72, 11)]
+    chosen = choice_for(policy.plan(two_radio_response(near_even)), 0)
+    assert chosen.interference == pytest.approx(chosen.old_interference)
+
+
+def test_a_managed_neighbour_counts_on_the_channel_the_service_gave_it():
+    other = peer()
+    other.radios[0]["channel"] = 11  # decided since: it was heard on 6 before it moved
+    # its VAP 0 heard strongly on 6, by the address it reports; an external one on 1
+    scan = [heard(other.radios[0]["vaps"][0]["mac"], -50, 6), heard("02:00:00:00:00:09", -60, 1)]
+    chosen = choice_for(policy.plan(two_radio_response(scan), peers=[other]), 0)
+    assert chosen.channel == 6  # 6 is clear now; 11 is where the peer is
+    # without the peer known, the scan is all it has: 6 looks the worst
+    assert choice_for(policy.plan(two_radio_response(scan)), 0).channel == 11
+
+
+def test_a_managed_neighbour_is_also_known_by_the_address_orvd_derives_for_it():
+    other = peer()
+    other.radios[0]["channel"] = 11
+    derived = policy.r1_key_holder_id(PEER_FACTORY["mac"], 2, 0).lower()
+    other.radios[0]["vaps"][2]["mac"] = "02:99:99:99:99:99"  # its interface address set apart
+    (moved,) = policy.as_planned(policy.merge_environment([[heard(derived, -50, 6)]]), [other])
+    assert (moved.channel, moved.rssi) == (11, -50)
+    (unknown,) = policy.as_planned(policy.merge_environment([[heard("02:00:00:00:00:01", -50, 6)]]), [other])
+    assert unknown.channel == 6
