@@ -1,13 +1,14 @@
 #include "control_commands.h"
 
 #include <sstream>
+#include <utility>
 #include <vector>
 
 namespace {
 
 const char* const help_text =
     "commands: hostapd start|stop|restart, widsd start|stop|restart, configd mute|unmute, "
-    "networkd mute|unmute, config-updated, timezone-changed, state, quit";
+    "networkd mute|unmute, neighbours FILE, config-updated, timezone-changed, state, quit";
 
 std::vector<std::string> words_of(const std::string& line)
 {
@@ -43,6 +44,26 @@ std::string daemon_command(bus_role role, const std::string& action, daemon_voic
     return "ok";
 }
 
+// The neighbours the access point hears beyond its scenario's, from a file the whole of which
+// is checked before any radio's state changes.
+std::string neighbours_command(const std::vector<std::string>& words, virtual_device& device)
+{
+    if (words.size() != 2)
+        return "error neighbours takes one file: neighbours /absolute/path.json";
+    const std::string& path = words[1];
+    // The simulator's working directory is not the caller's.
+    if (path[0] != '/')
+        return "error " + path + ": not an absolute path";
+    std::vector<neighbour> added;
+    try {
+        added = load_neighbours(path, device.setup());
+    } catch (const scenario_error& problem) {
+        return std::string("error ") + problem.what();
+    }
+    std::string error;
+    return outcome(device.replace_neighbours(std::move(added), &error), error);
+}
+
 std::string state_of(control_context* context)
 {
     json_ptr state(json_object_new_object());
@@ -73,6 +94,8 @@ std::string run_control_command(const std::string& line, control_context* contex
     bus_role role;
     if (role_named(command, &role) && words.size() == 2)
         return daemon_command(role, words[1], context->voices);
+    if (command == "neighbours")
+        return neighbours_command(words, context->device);
     if (words.size() != 1)
         return "error unknown command: " + line + " (" + help_text + ")";
     if (command == "config-updated")

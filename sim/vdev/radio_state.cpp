@@ -86,6 +86,34 @@ json_object* rrm_scan_entry(const neighbour& heard, int rssi)
     return entry;
 }
 
+// Adds what the radio hears of `neighbours` to the two scan lists, in their order.
+void add_heard(const std::vector<neighbour>& neighbours, const radio& entry, json_object* standard,
+               json_object* rrm)
+{
+    for (const neighbour& heard : neighbours) {
+        const auto rssi = heard.rssi.find(entry.name);
+        if (rssi == heard.rssi.end())
+            continue;
+        if (heard.standard_scan)
+            json_object_array_add(standard, standard_scan_entry(heard, rssi->second));
+        if (heard.rrm_scan)
+            json_object_array_add(rrm, rrm_scan_entry(heard, rssi->second));
+    }
+}
+
+// Sets scan_results and rrm_scan_results of `state`: the scenario's neighbours the radio hears,
+// then the added ones. Replacing a key keeps its place in the object.
+void put_scan_results(json_object* state, const scenario& setup, const std::vector<neighbour>& added,
+                      const radio& entry)
+{
+    json_object* standard = json_object_new_array();
+    json_object* rrm = json_object_new_array();
+    add_heard(setup.neighbours, entry, standard, rrm);
+    add_heard(added, entry, standard, rrm);
+    json_object_object_add(state, "scan_results", standard);
+    json_object_object_add(state, "rrm_scan_results", rrm);
+}
+
 json_object* stations_of(const radio& entry)
 {
     json_object* by_vap = json_object_new_object();
@@ -152,26 +180,14 @@ std::string radio_state_path(const radio& entry)
     return device_path("/sim/vrtl/" + entry.name + ".json");
 }
 
-json_ptr initial_radio_state(const scenario& setup, const radio& entry, int chanspec, int tx_power)
+json_ptr initial_radio_state(const scenario& setup, const std::vector<neighbour>& added, const radio& entry,
+                             int chanspec, int tx_power)
 {
-    json_object* standard = json_object_new_array();
-    json_object* rrm = json_object_new_array();
-    for (const neighbour& heard : setup.neighbours) {
-        const auto rssi = heard.rssi.find(entry.name);
-        if (rssi == heard.rssi.end())
-            continue;
-        if (heard.standard_scan)
-            json_object_array_add(standard, standard_scan_entry(heard, rssi->second));
-        if (heard.rrm_scan)
-            json_object_array_add(rrm, rrm_scan_entry(heard, rssi->second));
-    }
-
     json_ptr state(json_object_new_object());
     json_object_object_add(state.get(), "chanspec", json_object_new_int(chanspec));
     json_object_object_add(state.get(), "actual_tx_power", json_object_new_int(tx_power));
     json_object_object_add(state.get(), "available_channels", new_int_array(entry.available_channels));
-    json_object_object_add(state.get(), "scan_results", standard);
-    json_object_object_add(state.get(), "rrm_scan_results", rrm);
+    put_scan_results(state.get(), setup, added, entry);
     json_object_object_add(state.get(), "stations", stations_of(entry));
     json_object* mibs = nullptr;
     json_object_deep_copy(entry.mibs.get(), &mibs, nullptr);
@@ -185,8 +201,8 @@ bool write_radio_state(const radio& entry, json_object* state, std::string* erro
     return lock.held(error) && replace_file(radio_state_path(entry), state_text(state), error);
 }
 
-bool update_radio_state(const scenario& setup, const radio& entry, int chanspec, int tx_power,
-                        std::string* error)
+bool update_radio_state(const scenario& setup, const std::vector<neighbour>& added, const radio& entry,
+                        int chanspec, int tx_power, std::string* error)
 {
     radio_lock lock(entry);
     if (!lock.held(error))
@@ -194,11 +210,33 @@ bool update_radio_state(const scenario& setup, const radio& entry, int chanspec,
     std::string unreadable;
     json_ptr state = json_read_file(radio_state_path(entry), &unreadable);
     if (state == nullptr || !json_object_is_type(state.get(), json_type_object)) {
-        state = initial_radio_state(setup, entry, chanspec, tx_power);
+        state = initial_radio_state(setup, added, entry, chanspec, tx_power);
     } else {
         // Replacing a key keeps its place in the object.
         json_object_object_add(state.get(), "chanspec", json_object_new_int(chanspec));
         json_object_object_add(state.get(), "actual_tx_power", json_object_new_int(tx_power));
     }
     return replace_file(radio_state_path(entry), state_text(state.get()), error);
+}
+
+bool replace_scan_results(const scenario& setup, const std::vector<neighbour>& added, const radio& entry,
+                          std::string* error)
+{
+    radio_lock lock(entry);
+    if (!lock.held(error))
+        return false;
+    // A radio without a file has no interface as far as vrtl is concerned; a test that removed
+    // it wants it to stay away.
+    const std::string path = radio_state_path(entry);
+    if (!file_exists(path))
+        return true;
+    json_ptr state = json_read_file(path, error);
+    if (state == nullptr)
+        return false;
+    if (!json_object_is_type(state.get(), json_type_object)) {
+        *error = path + ": not a JSON object";
+        return false;
+    }
+    put_scan_results(state.get(), setup, added, entry);
+    return replace_file(path, state_text(state.get()), error);
 }

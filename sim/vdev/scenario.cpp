@@ -250,6 +250,15 @@ neighbour read_neighbour(json_object* object, const std::string& where, const sc
     return entry;
 }
 
+// The neighbours of a JSON array, each checked against the radios of `owner`.
+std::vector<neighbour> read_neighbours(json_object* list, const std::string& where, const scenario& owner)
+{
+    std::vector<neighbour> entries;
+    for (size_t i = 0; i < json_object_array_length(list); ++i)
+        entries.push_back(read_neighbour(json_object_array_get_idx(list, i), json_where(where, i), owner));
+    return entries;
+}
+
 }  // namespace
 
 const radio* scenario::find_radio(const std::string& name) const
@@ -299,15 +308,27 @@ scenario load_scenario(const std::string& path)
     if (result.radios.empty())
         throw scenario_error("radios: no radio");
 
-    if (json_object* neighbours = json_array_or_null(root.get(), "neighbours", "")) {
-        for (size_t i = 0; i < json_object_array_length(neighbours); ++i)
-            result.neighbours.push_back(read_neighbour(json_object_array_get_idx(neighbours, i),
-                                                       json_where("neighbours", i), result));
-    }
+    if (json_object* neighbours = json_array_or_null(root.get(), "neighbours", ""))
+        result.neighbours = read_neighbours(neighbours, "neighbours", result);
 
     if (json_object* services = json_object_or_null(root.get(), "services", "")) {
         result.hostapd_running = json_bool_or(services, "hostapd", "services", true);
         result.widsd_running = json_bool_or(services, "widsd", "services", false);
     }
     return result;
+}
+
+std::vector<neighbour> load_neighbours(const std::string& path, const scenario& owner)
+{
+    std::string error;
+    json_ptr root = json_read_file(path, &error);
+    if (root == nullptr)
+        throw scenario_error(error);
+    if (!json_object_is_type(root.get(), json_type_array))
+        throw scenario_error(path + ": expected a JSON array of neighbours");
+    try {
+        return read_neighbours(root.get(), "", owner);
+    } catch (const scenario_error& problem) {
+        throw scenario_error(path + ": " + problem.what());
+    }
 }

@@ -70,4 +70,9 @@ struct scenario {
 // Reads and checks a scenario file; throws scenario_error naming the value that does not hold.
 scenario load_scenario(const std::string& path);
 
+// Reads a file holding a JSON array of neighbours in the scenario's format, each checked as the
+// scenario's own against the radios of `owner`; throws scenario_error whose text names the file
+// and, for a bad entry, where in it ("[2].rssi.wlan0: ...").
+std::vector<neighbour> load_neighbours(const std::string& path, const scenario& owner);
+
 #endif

@@ -159,7 +159,8 @@ bool virtual_device::build(std::string* error, bool* bad_scenario)
     for (const radio& entry : scenario_.radios) {
         radio_settings settings;
         check_settings(entry, entry.settings.get(), &settings, error);
-        json_ptr state = initial_radio_state(scenario_, entry, settings.chanspec, settings.tx_power);
+        json_ptr state =
+            initial_radio_state(scenario_, added_neighbours_, entry, settings.chanspec, settings.tx_power);
         if (!write_radio_state(entry, state.get(), error) || !write_mib_11n(entry, settings.use, error))
             return false;
     }
@@ -175,7 +176,8 @@ bool virtual_device::apply(const radio& entry, json_object* candidate, const rad
                            std::string* reason)
 {
     std::string error;
-    if (!update_radio_state(scenario_, entry, settings.chanspec, settings.tx_power, &error) ||
+    if (!update_radio_state(scenario_, added_neighbours_, entry, settings.chanspec, settings.tx_power,
+                            &error) ||
         !write_mib_11n(entry, settings.use, &error)) {
         *reason = error;
         return false;
@@ -241,6 +243,21 @@ bool virtual_device::reset_fast_transition(const vap& entry, std::string* reason
         return false;
     }
     return true;
+}
+
+bool virtual_device::replace_neighbours(std::vector<neighbour> added, std::string* reason)
+{
+    added_neighbours_ = std::move(added);
+    // One radio that cannot be rewritten does not keep the others from hearing the new set.
+    bool all = true;
+    for (const radio& entry : scenario_.radios) {
+        std::string error;
+        if (!replace_scan_results(scenario_, added_neighbours_, entry, &error) && all) {
+            *reason = error;
+            all = false;
+        }
+    }
+    return all;
 }
 
 json_ptr virtual_device::radios_state()

@@ -5,6 +5,7 @@
 #define ORVD_SIM_VDEV_VIRTUAL_DEVICE_H
 
 #include <string>
+#include <vector>
 
 #include "config_tree.h"
 #include "json_util.h"
@@ -39,6 +40,10 @@ public:
     bool update_fast_transition(const vap& entry, json_object* params, std::string* reason);
     bool reset_fast_transition(const vap& entry, std::string* reason);
 
+    // Replaces the neighbours heard beyond the scenario's and rewrites the scan results of every
+    // radio that has a state file. False with the first file that could not be rewritten.
+    bool replace_neighbours(std::vector<neighbour> added, std::string* reason);
+
     // The radios' current settings, chanspecs and powers, by radio name.
     json_ptr radios_state();
 
@@ -52,6 +57,7 @@ private:
     json_ptr current_settings(const radio& entry);
 
     scenario scenario_;
+    std::vector<neighbour> added_neighbours_;  // set at run time, heard after the scenario's
     cfg_ptr config_;
 };
 

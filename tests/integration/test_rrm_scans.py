@@ -1,6 +1,7 @@
 """RRM mode end to end, scans: "rrm-update" runs a standard scan in five passes or the driver's
 own RRM measurement, and "rrm-response" reports what the emulated radios heard (orvd-vdev's
 default scenario neighbours). orvd (emulated driver preloaded) against the reference service."""
+import json
 import time
 
 from harness.rrm import TIMEOUT, expected_scan_entry, log_times, neighbours_heard_by, wall_time
@@ -120,3 +121,25 @@ def test_a_driver_rrm_scan_of_5_ghz_channels_only_measures_nothing_on_the_2_4_gh
         assert state["counters"].get("start_scan", 0) == 0
     assert ap.orvd.log_lines("SIOCSIWSCAN") == []
     assert ap.count("rrm-response") == 1
+
+
+def test_neighbours_the_simulator_is_given_at_run_time_are_in_the_next_scan(subscribed_ap, tmp_path):
+    # What a lab of several access points does: each hears the others where they are now.
+    ap = subscribed_ap
+    added = [
+        {"bssid": "02:5a:00:00:00:01", "ssid": "Lab-2", "channel": 11, "tx-power": 17, "rssi": {"wlan0": -58}},
+        {"bssid": "02:5a:00:00:00:11", "ssid": "Lab-2", "channel": 100, "bandwidth": 80, "tx-power": 23,
+         "rssi": {"wlan1": -71}},
+    ]
+    path = tmp_path / "heard.json"
+    path.write_text(json.dumps(added))
+    result = ap.vdev.ctl("neighbours", str(path))
+    assert result.returncode == 0, result.stderr.decode()
+
+    ap.service.send_rrm_update(delay=0, driver_scan=1, channels="6 36", conn=ap.conn)
+    response = ap.wait_for("rrm-response", timeout=60).message
+
+    heard = {radio: neighbours_heard_by(radio) + [n for n in added if radio in n["rssi"]] for radio in RADIOS}
+    assert response["rf-environment"] == [
+        [expected_scan_entry(n, radio, True) for radio in RADIOS for n in heard[radio]]
+    ]

@@ -367,6 +367,165 @@ def test_muting_twice_is_harmless_and_a_daemon_takes_only_mute_or_unmute(vdev):
     assert "configd mute|unmute" in help_text and "networkd mute|unmute" in help_text
 
 
+# -- neighbours set at run time ----------------------------------------------------------------
+
+# Access points of a lab heard beyond the scenario's neighbours, in the scenario's format.
+ADDED = [
+    {"bssid": "02:5a:00:00:00:01", "ssid": "Lab-2", "channel": 11, "tx-power": 17, "rssi": {"wlan0": -58}},
+    {"bssid": "02:5a:00:00:00:11", "ssid": "Lab-2", "channel": 100, "bandwidth": 80, "tx-power": 23,
+     "rssi": {"wlan1": -71}, "scans": ["standard"]},
+    {"bssid": "02:5a:00:00:01:01", "ssid": "Lab-3", "channel": 1, "bandwidth": 40, "rssi": {"wlan0": -83},
+     "scans": ["rrm"]},
+]
+ADDED_STANDARD = {
+    "wlan0": [{"bssid": "02:5a:00:00:00:01", "rssi": -58, "channel": 11, "bandwidth": 20, "chanspec": 0x1000 | 11}],
+    "wlan1": [{"bssid": "02:5a:00:00:00:11", "rssi": -71, "channel": 100, "bandwidth": 80,
+               "chanspec": 0x2000 | 0x000 | 106}],
+}
+ADDED_RRM = {
+    "wlan0": [{"bssid": "02:5a:00:00:00:01", "rssi": -58, "tx_power": 68, "chanspec": 0x1000 | 11},
+              {"bssid": "02:5a:00:00:01:01", "rssi": -83, "tx_power": 80, "chanspec": 0x1800 | 0x000 | 3}],
+    "wlan1": [],
+}
+SCAN_LISTS = ("scan_results", "rrm_scan_results")
+
+
+def neighbours_file(tmp_path, content, name="neighbours.json"):
+    path = tmp_path / name
+    path.write_text(content if isinstance(content, str) else json.dumps(content))
+    return path
+
+
+def set_neighbours(vdev, path):
+    result = vdev.ctl("neighbours", str(path))
+    assert (result.returncode, result.stdout, result.stderr) == (0, b"", b""), result.stderr.decode()
+
+
+def assert_heard(vdev, initial, added_standard, added_rrm):
+    """Each radio's scan lists are the scenario's (as the simulator started them) followed by the
+    added ones; every other member of its state file is as it was."""
+    for radio in RADIOS:
+        state = vdev.radio_state(radio)
+        assert state["scan_results"] == initial[radio]["scan_results"] + added_standard.get(radio, []), radio
+        assert state["rrm_scan_results"] == initial[radio]["rrm_scan_results"] + added_rrm.get(radio, []), radio
+
+
+def test_added_neighbours_follow_the_scenarios_and_the_rest_of_the_state_stays(vdev, networkd, tmp_path):
+    initial = {radio: vdev.radio_state(radio) for radio in RADIOS}
+    # What changes a state file meanwhile: an accepted update, and vrtl's MIB writes and counters.
+    ask(networkd, {"command": "update-quillon", "ifname": "wlan0", "params": {"tx-power": "13"}})
+    state = vdev.radio_state("wlan0")
+    state["mibs"]["rrm_scan_chan"] = "11"
+    state["counters"] = {"start_scan": 3, "stop_scan": 1}
+    state["last_scan_channels"] = [1, 6, 11]
+    vdev.path("sim/vrtl/wlan0.json").write_text(json.dumps(state))
+    before = {radio: vdev.radio_state(radio) for radio in RADIOS}
+
+    set_neighbours(vdev, neighbours_file(tmp_path, ADDED))
+
+    assert_heard(vdev, initial, ADDED_STANDARD, ADDED_RRM)
+    for radio in RADIOS:
+        after = vdev.radio_state(radio)
+        assert list(after) == list(before[radio]), radio
+        assert {k: v for k, v in after.items() if k not in SCAN_LISTS} == {
+            k: v for k, v in before[radio].items() if k not in SCAN_LISTS
+        }, radio
+    assert vdev.radio_state("wlan0")["actual_tx_power"] == 13
+    assert vdev.radio_state("wlan0")["counters"] == {"start_scan": 3, "stop_scan": 1}
+
+
+def test_a_second_neighbours_command_replaces_the_first_and_an_empty_list_removes_them(vdev, tmp_path):
+    initial = {radio: vdev.radio_state(radio) for radio in RADIOS}
+    set_neighbours(vdev, neighbours_file(tmp_path, ADDED, "first.json"))
+    moved = dict(ADDED[0], channel=1, rssi={"wlan0": -49})  # the same access point on another channel
+    set_neighbours(vdev, neighbours_file(tmp_path, [moved], "second.json"))
+    entry = {"bssid": "02:5a:00:00:00:01", "rssi": -49, "chanspec": 0x1000 | 1}
+    assert_heard(
+        vdev,
+        initial,
+        {"wlan0": [dict(entry, channel=1, bandwidth=20)]},
+        {"wlan0": [dict(entry, tx_power=68)]},
+    )
+    set_neighbours(vdev, neighbours_file(tmp_path, "[]", "none.json"))
+    assert_heard(vdev, initial, {}, {})
+
+
+def refusal(result):
+    """The reason of an error answer, as the client prints it."""
+    text = result.stderr.decode()
+    assert text.startswith("orvd-vdev: ") and text.endswith("\n"), text
+    return text[len("orvd-vdev: ") : -1]
+
+
+def state_bytes(vdev):
+    return {radio: vdev.path(f"sim/vrtl/{radio}.json").read_bytes() for radio in RADIOS}
+
+
+def test_a_bad_neighbours_file_is_refused_whole_and_changes_no_state_file(vdev, tmp_path):
+    set_neighbours(vdev, neighbours_file(tmp_path, ADDED[:1], "earlier.json"))
+    before = state_bytes(vdev)
+    good = ADDED[1]
+    bad_entries = [
+        (dict(good, rssi={"wlan9": -60}), "[1].rssi.wlan9: no such radio"),
+        (dict(good, rssi={"wlan1": -101}), "[1].rssi.wlan1: a reading in dBm between -100 and 0"),
+        (dict(good, channel=15), "[1].channel: not a Wi-Fi channel"),
+        (dict(good, bssid="02:5a:00"), '[1].bssid: "02:5a:00" is not a MAC address'),
+        ({k: v for k, v in good.items() if k != "rssi"}, "[1].rssi: missing"),
+        (dict(good, scans=["passive"]), '[1].scans[0]: "standard" or "rrm"'),
+    ]
+    for entry, where_why in bad_entries:
+        path = neighbours_file(tmp_path, [good, entry], "bad.json")
+        result = vdev.ctl("neighbours", str(path))
+        assert result.returncode == 1, entry
+        assert refusal(result) == f"{path}: {where_why}", entry
+        assert state_bytes(vdev) == before, entry
+
+    not_array = neighbours_file(tmp_path, json.dumps(good), "object.json")
+    not_json = neighbours_file(tmp_path, "[{", "broken.json")
+    missing = tmp_path / "missing.json"
+    for path, reason in (
+        (not_array, f"{not_array}: expected a JSON array of neighbours"),
+        (not_json, f"{not_json}: not valid JSON"),
+        (missing, f"cannot read {missing}: No such file or directory"),
+        ("neighbours.json", "neighbours.json: not an absolute path"),
+    ):
+        result = vdev.ctl("neighbours", str(path))
+        assert result.returncode == 1, path
+        assert refusal(result).startswith(reason), refusal(result)
+        assert state_bytes(vdev) == before, path
+    result = vdev.ctl("neighbours")
+    assert result.returncode == 1 and b"neighbours takes one file" in result.stderr
+
+
+def test_a_5_ghz_neighbour_heard_by_the_2_4_ghz_radio_is_refused(vdev, tmp_path):
+    before = state_bytes(vdev)
+    path = neighbours_file(tmp_path, [dict(ADDED[1], rssi={"wlan0": -60})])
+    result = vdev.ctl("neighbours", str(path))
+    assert result.returncode == 1
+    assert refusal(result) == (
+        f"{path}: [0].rssi.wlan0: a 2 GHz radio cannot hear this neighbour's channel"
+    )
+    assert state_bytes(vdev) == before
+
+
+def test_a_radio_whose_state_file_is_gone_stays_gone_until_an_update_rebuilds_it(vdev, networkd, tmp_path):
+    initial = vdev.radio_state("wlan0")
+    vdev.path("sim/vrtl/wlan0.json").unlink()
+    set_neighbours(vdev, neighbours_file(tmp_path, ADDED))
+    assert not vdev.path("sim/vrtl/wlan0.json").exists()
+    assert vdev.radio_state("wlan1")["scan_results"][-1]["bssid"] == "02:5a:00:00:00:11"
+    # An update builds the file anew, and the added neighbours are part of what it hears.
+    ask(networkd, {"command": "update-quillon", "ifname": "wlan0", "params": {"tx-power": "15"}})
+    rebuilt = vdev.radio_state("wlan0")
+    assert rebuilt["actual_tx_power"] == 15
+    assert rebuilt["scan_results"] == initial["scan_results"] + ADDED_STANDARD["wlan0"]
+    assert rebuilt["rrm_scan_results"] == initial["rrm_scan_results"] + ADDED_RRM["wlan0"]
+
+
+def test_help_names_the_neighbours_command(vdev):
+    assert "neighbours FILE" in vdev.ctl("help").stdout.decode()
+
+
 # -- hostapd, widsd and the notify markers ----------------------------------------------------
 
 
