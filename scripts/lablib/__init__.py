@@ -26,6 +26,7 @@ The modules, by concern:
   programs     one child process, its output and its end
   accesspoint  one access point: its scenario, device root, request log and report files
   addresses    MAC addresses, chanspecs, neighbour-report commands; who an address is
+  report       the page of what happened on a site (plans before and after, decisions)
 """
 import pathlib
 import sys
