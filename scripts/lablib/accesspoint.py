@@ -6,39 +6,8 @@ import json
 import pathlib
 import subprocess
 
-from .addresses import mac_number, mac_text
+from .addresses import mac_number
 from .programs import LabError, through_emulator
-
-
-def derived_scenario(source: dict, number: int) -> dict:
-    """Access point `number` (2, 3, ...) of a lab: the scenario with its own factory MAC (0x1000
-    per access point above the first), serial and interface addresses, so that it is another
-    device of the same site, hearing the same neighbours a few dB stronger or weaker."""
-    data = json.loads(json.dumps(source))
-    shift = 0x1000 * (number - 1)
-    factory = data.setdefault("factory", {})
-    base = mac_number(factory.get("mac", "A4:5E:60:00:10:00"))
-    factory["mac"] = mac_text(base + shift)
-    serial = str(factory.get("serial", "VX31B0000000"))
-    digits = len(serial) - len(serial.rstrip("0123456789"))
-    if digits:
-        value = (int(serial[-digits:]) + number - 1) % (10**digits)
-        factory["serial"] = serial[:-digits] + f"{value:0{digits}d}"
-    else:
-        factory["serial"] = f"{serial}-{number}"
-    for radio in data.get("radios") or []:
-        for item in [radio] + list(radio.get("vaps") or []):
-            if "mac" in item and mac_number(item["mac"]) is not None:
-                item["mac"] = mac_text(mac_number(item["mac"]) + shift).lower()
-    # Standing elsewhere on the site, it hears each neighbour a few dB stronger or weaker.
-    for index, neighbour in enumerate(data.get("neighbours") or []):
-        heard = neighbour.get("rssi")
-        if isinstance(heard, dict):
-            offset = (index * 5 + number * 3) % 11 - 5
-            for radio, rssi in heard.items():
-                if isinstance(rssi, (int, float)) and not isinstance(rssi, bool):
-                    heard[radio] = int(min(-20, max(-95, rssi + offset)))
-    return data
 
 
 class AccessPoint:

@@ -3,35 +3,8 @@ neighbour-report commands; and the address book that says which of the lab's acc
 (and which of its VAPs) an address or a service connection belongs to."""
 from __future__ import annotations
 
-
-def mac_number(text) -> int | None:
-    parts = str(text).replace("-", ":").split(":")
-    if len(parts) != 6:
-        return None
-    try:
-        return int("".join(f"{int(p, 16):02x}" for p in parts), 16)
-    except ValueError:
-        return None
-
-
-def mac_text(number: int) -> str:
-    raw = f"{number:012X}"
-    return ":".join(raw[i : i + 2] for i in range(0, 12, 2))
-
-
-def decode_chanspec(chanspec: int) -> tuple:
-    """(primary channel, bandwidth MHz, position text) of a chanspec: the centre channel in the
-    low byte, the primary's position in bits 0x700, the bandwidth in bits 0x3800."""
-    centre = chanspec & 0xFF
-    position = (chanspec >> 8) & 0x7
-    bandwidth = {0x1000: 20, 0x1800: 40, 0x2000: 80}.get(chanspec & 0x3800)
-    if bandwidth == 40:
-        return (centre - 2, 40, "lower") if position == 0 else (centre + 2, 40, "upper")
-    if bandwidth == 80:
-        return centre - 6 + 4 * position, 80, ("1st", "2nd", "3rd", "4th")[position % 4] + " of the block"
-    if bandwidth == 20:
-        return centre, 20, ""
-    return centre, None, ""
+from sim.site.model import mac_number  # noqa: F401 (the lab's modules take them from here)
+from sim.site.radios import decode_chanspec  # noqa: F401
 
 
 def parse_report_bssid(text: str) -> str | None:

@@ -13,12 +13,14 @@ import tempfile
 import time
 
 from sim.controller import RrmService, Settings
+from sim.site import SiteError, load_site, office
 
-from .accesspoint import AccessPoint, derived_scenario
+from .accesspoint import AccessPoint
 from .addresses import AddressBook
 from .display import Display
 from .events import APPLIED, Narrator, describe_applied
 from .programs import LabError, Program, exit_text, last_lines, sanitizer_runtime
+from .sitewatch import SiteWatch
 
 TICK = 0.2  # seconds between two looks at everything
 UPDATES_SETTLE_S = 2.0  # quiet after a radio update before the radios are read back
@@ -34,6 +36,8 @@ class Lab:
         self.service_notes = queue.Queue()
         self.tmp = None
         self.aps = []
+        self.site = None  # sim.site.Site when the lab is a site (--site, or --aps 2 and more)
+        self.site_watch = None
         self.service = None
         self.stop_reason = None
         self.seen = {}  # connection number -> (received, sent, decisions, closed shown)
@@ -73,14 +77,19 @@ class Lab:
             source = json.loads(scenario.read_text())
         except (OSError, ValueError) as error:
             raise LabError(f"scenario {scenario}: {error}")
+        if args.site or args.aps > 1:
+            try:
+                self.site = load_site(args.site, source) if args.site else office(args.aps, source)
+            except SiteError as error:
+                raise LabError(f"site: {error}")
         self.tmp = pathlib.Path(tempfile.mkdtemp(prefix="orvd-lab-"))
-        for number in range(1, args.aps + 1):
+        for number in range(1, (len(self.site.aps) if self.site else 1) + 1):
             workdir = self.tmp / f"ap{number}"
             workdir.mkdir()
             path = scenario
-            if number > 1:
+            if self.site is not None:
                 path = workdir / "scenario.json"
-                path.write_text(json.dumps(derived_scenario(source, number), indent=2) + "\n")
+                path.write_text(json.dumps(self.site.aps[number - 1].scenario, indent=2) + "\n")
             self.aps.append(AccessPoint(number, workdir, path))
 
         channels = self.channels
@@ -98,12 +107,12 @@ class Lab:
             raise LabError(f"the RRM service cannot listen on 127.0.0.1: {error}")
         url = self.service.url("/rrm")
         cycle = f"again {args.interval:g} s after each decision" if args.interval > 0 else "once per subscription"
+        count = len(self.aps)
         self.say(
             "lab",
-            f"{args.aps} access point{'s' if args.aps > 1 else ''}, scenario {scenario.name}, service {url}\n"
+            f"{count} access point{'s' if count > 1 else ''}, scenario {scenario.name}, service {url}\n"
             f"scans: standard, delay {args.scan_delay} s, channels {channels or 'all'}; {cycle}\n"
-            + ("further access points: the scenario with their own factory MAC, serial and addresses, "
-               "hearing each neighbour a few dB differently\n" if args.aps > 1 else "")
+            + (self.site_text() + "\n" if self.site else "")
             + f"device roots under {self.tmp}"
             + (f"; stops after {args.duration:g} s" if args.duration else "; Ctrl-C stops"),
         )
@@ -118,6 +127,10 @@ class Lab:
             if not ap.vdev.wait_line("orvd-vdev: ready", 15):
                 raise LabError(f"{ap.label} orvd-vdev did not get ready" + last_lines(ap.vdev))
             self.say(ap.label, f"virtual access point {ap.mac} (serial {ap.serial}) ready, pid {ap.vdev.pid}")
+        if self.site is not None:
+            self.site_watch = SiteWatch(self, self.site, {ap.label: ap.root for ap in self.aps},
+                                        {ap.label: ap.workdir for ap in self.aps})
+            self.site_watch.look(self.service)  # the first scans already hear the site
 
         orvd = self.program("orvd")
         runtime = sanitizer_runtime(orvd)
@@ -133,6 +146,17 @@ class Lab:
             env = dict(os.environ, ORVD_ROOT=str(ap.root), LD_PRELOAD=f"{runtime}:{vrtl}" if runtime else vrtl)
             ap.orvd = Program(f"{ap.label}:orvd", [orvd, "-f", conf], env=env, lines=self.trace_lines).start()
             self.say(ap.label, f"orvd started, pid {ap.orvd.pid}, device root {ap.root}")
+
+    def site_text(self) -> str:
+        site = self.site
+        where = ", ".join(f"{ap.label} ({ap.x:g}, {ap.y:g}" + (f", floor {ap.floor}" if ap.floor else "") + ")"
+                          for ap in site.aps)
+        bands = "; ".join(f"{'2.4' if band == 2 else band} GHz {m.loss_at_1m:g} dB at 1 m, exponent {m.exponent:g}"
+                          for band, m in sorted(site.bands.items()))
+        return (f"site: {site.name}, {site.width_m:g} x {site.depth_m:g} m, {len(site.walls)} walls, "
+                f"{len(site.externals)} external neighbours; access points at {where} (metres)\n"
+                f"propagation: {bands}; {site.floor_loss_db:g} dB per floor, fading within "
+                f"+-{site.fading_db:g} dB (seed {site.seed}), heard above {site.sensitivity_dbm:g} dBm")
 
     def watch(self):
         deadline = self.started + self.args.duration if self.args.duration else None
@@ -160,6 +184,15 @@ class Lab:
         reason = self.stop_reason or "stopping"
         if self.aps or self.service:
             self.say("lab", f"{reason}: stopping orvd, the service, orvd-vdev")
+        if self.site_watch is not None:
+            try:
+                self.look()
+                programs = [(name, prog.pid) for ap in self.aps
+                            for name, prog in (("orvd", ap.orvd), ("orvd-vdev", ap.vdev))
+                            if prog is not None and prog.running()]
+                self.site_watch.finish(programs + [("the lab (service, site, display)", os.getpid())])
+            except Exception as error:  # the summary must never keep the lab from cleaning up
+                self.say("lab", f"(no site summary: {error})")
         for ap in self.aps:
             status |= self.stop_program(ap, ap.orvd, "orvd")
         # What the access points did last, before the device roots go.
@@ -219,6 +252,8 @@ class Lab:
 
     def look(self):
         self.look_at_service()
+        if self.site_watch is not None:
+            self.site_watch.look(self.service)
         self.start_hostapd()
         for ap in self.aps:
             self.look_at_requests(ap)
@@ -296,6 +331,16 @@ class Lab:
         return describe_applied(state, heading)
 
     def final_state(self):
+        received = self.service.received()
+        wrong = [r for r in received if r.schema not in ("valid", "schema missing")]
+        unchecked = [r for r in received if r.schema == "schema missing"]
+        text = f"{len(received)} messages from the agents: {len(received) - len(wrong) - len(unchecked)} valid against their schemas"
+        if unchecked:
+            text += f", {len(unchecked)} without a schema ({', '.join(sorted({str(r.cmd) for r in unchecked}))})"
+        if wrong:
+            text += f", {len(wrong)} NOT valid: " + "; ".join(
+                f"{r.cmd}: {r.errors[0] if r.errors else r.schema}" for r in wrong[:5])
+        self.say("svc", text)
         for ap in self.aps:
             if ap.vdev is None or not ap.vdev.running():
                 continue

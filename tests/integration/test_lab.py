@@ -79,7 +79,8 @@ def test_two_access_points_for_a_minute():
         assert subscriptions, output
         assert "VAPs: 0 Orion-Corp [11k 11r]" in subscriptions[0]
         assert texts(found, ap, "scan requested (rrm-update): standard scan")
-        scans = texts(found, ap, "scan result (rrm-response): 30 neighbours heard")
+        # An office of two: each hears the other's three VAPs per band, nothing else.
+        scans = texts(found, ap, "scan result (rrm-response): 6 neighbours heard")
         assert scans and "ch   n  best  signals (dBm)" in scans[0]
         decisions = texts(found, ap, "decision: radio 0 2.4 GHz: channel ")
         assert decisions, output
@@ -102,6 +103,13 @@ def test_two_access_points_for_a_minute():
         assert re.search(rf"key holders of its peers: [0-9A-F:]{{17}}/VX31B\d+ \({peer} wlan1-va0\)", fbt), output
         assert ": ok" in fbt
 
+    # The site: its interference and plan before planning, and the summary at the stop.
+    (before,) = texts(found, "site", "site before planning: co-channel interference 2.4 GHz ")
+    assert re.search(r"plan 2\.4 GHz: ap1 6/20 20dBm ap2 6/20 20dBm", before), before
+    assert re.search(r"co-channel pairs 2\.4 GHz \(1, dBm each hears the other\):\n\s*ap1<>ap2 -\d+/-\d+", before), before
+    (summary,) = texts(found, "site", "site summary:")
+    assert re.search(r"co-channel interference all: -[\d.]+ dBm -> ", summary), summary
+    assert re.search(r"orvd per access point \(2\): CPU [\d.]+ s mean", summary), summary
     assert "error" not in "\n".join(texts(found, "lab")), output
     assert_cleaned_up(output)
 
