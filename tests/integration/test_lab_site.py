@@ -6,6 +6,7 @@ import re
 import subprocess
 
 from harness import browser
+from harness.labreport import check_channel_colours, elements
 from test_lab import assert_cleaned_up, events, lab_command, texts
 
 CYCLE = re.compile(r"site after cycle (\d+): co-channel interference .*, all (-[\d.]+) dBm \(([-+][\d.]+) dB from the start\)")
@@ -38,14 +39,28 @@ def test_an_office_of_six_plans_itself_quieter_and_pictures_it(tmp_path):
     assert not texts(found, "site", "ap"), "the keeper could not hand a list over:\n" + output[-4000:]
     assert_cleaned_up(output)
 
-    # The report: the plan before and after for each band, the decisions, the channels heard.
+    # The report, as chromium renders it: every access point before (all on 6 and 36) and after
+    # (on the channels the lab read back from each at the stop), decisions, channels heard.
     dom = browser.dump_dom(page)
-    for snapshot in ("before", "after"):
-        for ap in range(1, 7):
-            for band in (2, 5):
-                assert re.search(rf'<g [^>]*class="ap"[^>]*data-ap="ap{ap}"[^>]*data-band="{band}"[^>]*'
-                                 rf'data-snapshot="{snapshot}"', dom), (snapshot, ap, band)
-    assert len(re.findall(r'<tr [^>]*class="decision"', dom)) >= 12
-    assert len(re.findall(r'<svg [^>]*class="heard"', dom)) == 12
+    final = {}
+    for ap in range(1, 7):
+        (state,) = texts(found, f"ap{ap}", "final state:")
+        for band, interface in ((2, "wlan0"), (5, "wlan1")):
+            final[(f"ap{ap}", str(band))] = re.search(rf"{interface} now: channel (\d+)/", state).group(1)
+    for snapshot, expected in (("before", {key: ("6" if key[1] == "2" else "36") for key in final}), ("after", final)):
+        drawn = {(g["attrs"]["data-ap"], g["attrs"]["data-band"]): g["attrs"]["data-channel"]
+                 for g in elements(dom, "g", "ap", data_snapshot=snapshot)}
+        assert drawn == expected, snapshot
+    assert len(elements(dom, "tr", "decision")) >= 12
+    assert {(e["attrs"]["data-ap"], e["attrs"]["data-radio"]) for e in elements(dom, "svg", "heard")} == {
+        (f"ap{ap}", radio) for ap in range(1, 7) for radio in ("wlan0", "wlan1")}
+    assert elements(dom, "section", id="summary"), "no summary"
+
+    # A screenshot that shows the plans: many colours, and each channel of the plan after in
+    # its own colour over at least a circle's worth of pixels.
     pixels = browser.png_pixels(browser.screenshot(page, (1400, 1800)))
-    assert len(set(pixels)) > 20, "the screenshot of the report is blank"
+    colours = pixels.colours()
+    assert len(colours) > 500, f"only {len(colours)} colours: the page looks blank"
+    for channel, colour in check_channel_colours(set(final.values())).items():
+        rgb = tuple(int(colour[i:i + 2], 16) for i in (1, 3, 5))
+        assert colours[rgb] >= 200, f"channel {channel}'s colour {colour}: {colours[rgb]} pixels"
