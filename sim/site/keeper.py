@@ -53,6 +53,7 @@ class SiteKeeper:
         self.readers = {r.key: StateReader(roots[r.ap.label] / "sim" / "vrtl" / f"{r.name}.json")
                         for r in self.radios}
         self.given = {}  # label -> the list the simulator has
+        self.refused = {}  # label -> the list it did not take, not offered again until it changes
         self.problems = []  # what could not be handed over, for the lab to show
 
     def update(self) -> bool:
@@ -94,7 +95,7 @@ class SiteKeeper:
         return list(entries.values())
 
     def hand_over(self, ap, heard: list):
-        if self.given.get(ap.label) == heard:
+        if self.given.get(ap.label) == heard or self.refused.get(ap.label) == heard:
             return
         path = pathlib.Path(self.workdirs[ap.label]).resolve() / "heard.json"
         temporary = path.with_suffix(".tmp")
@@ -106,5 +107,7 @@ class SiteKeeper:
             answer = f"error {error}"
         if answer == "ok":
             self.given[ap.label] = heard
+            self.refused.pop(ap.label, None)
         else:
+            self.refused[ap.label] = heard
             self.problems.append(f"{ap.label}: orvd-vdev did not take the site's neighbours: {answer}")
