@@ -22,47 +22,19 @@ sections `#plan-before` and `#plan-after`, `svg.heard` (data-ap, data-radio), `t
 """
 from __future__ import annotations
 
-import html
-import math
 import os
 import pathlib
 import tempfile
 
-STRONG_DBM = -75.0
-# The scale of the channel charts: a signal at the floor shows no bar, one at the top fills it.
-HEARD_FLOOR_DBM = -100.0
-HEARD_TOP_DBM = -30.0
+from .bands import BAND_CHANNELS, HEARD_FLOOR_DBM, HEARD_TOP_DBM, STRONG_DBM, _band, _band_name, _channel_text
+from .colours import EXTERNAL_COLOUR, PAIR_COLOUR, _text_colour, channel_colour
+from .site import PLAN_MARGIN, _interference, _interference_keys, _Site
+from .values import (
+    _attrs, _dict, _duration, _esc, _fixed, _int, _list, _num, _point, _seconds, _text,
+)
 
-BAND_NAMES = {"2": "2.4 GHz", "5": "5 GHz", "6": "6 GHz"}
-BAND_CHANNELS = {
-    "2": list(range(1, 14)),
-    "5": [36, 40, 44, 48, 52, 56, 60, 64, 100, 104, 108, 112, 116, 120, 124, 128, 132, 136, 140,
-          144, 149, 153, 157, 161, 165],
-    "6": list(range(1, 234, 4)),
-}
-DEFAULT_BANDS = ("2", "5")
+__all__ = ["BAND_CHANNELS", "STRONG_DBM", "channel_colour", "render", "write_report"]
 
-# One colour per channel, the same on every page: the three non-overlapping 2.4 GHz channels
-# and the first 5 GHz block stand furthest apart. Grey is kept for what is not managed.
-CHANNEL_COLOURS = {
-    1: "#1f77b4", 6: "#2ca02c", 11: "#d62728",
-    2: "#9467bd", 3: "#8c564b", 4: "#e377c2", 5: "#bcbd22", 7: "#17becf", 8: "#ff7f0e",
-    9: "#aec7e8", 10: "#98df8a", 12: "#ff9896", 13: "#c5b0d5", 14: "#c49c94",
-    36: "#4e79a7", 40: "#f28e2b", 44: "#e15759", 48: "#76b7b2", 52: "#59a14f", 56: "#edc948",
-    60: "#b07aa1", 64: "#ff9da7", 100: "#9c755f", 104: "#1b9e77", 108: "#d95f02",
-    112: "#7570b3", 116: "#e7298a", 120: "#66a61e", 124: "#e6ab02", 128: "#a6761d",
-    132: "#0b84a5", 136: "#f6c85f", 140: "#6f4e7c", 144: "#9dd866", 149: "#ca472f",
-    153: "#ffa056", 157: "#8dddd0", 161: "#3b5b92", 165: "#b2df8a",
-}
-OTHER_COLOURS = ("#5778a4", "#e49444", "#d1615d", "#85b6b2", "#6a9f58", "#e7ca60", "#a87c9f",
-                 "#f1a2a9", "#967662", "#b8b0ac")
-NO_CHANNEL_COLOUR = "#ffffff"
-EXTERNAL_COLOUR = "#8a8a8a"
-PAIR_COLOUR = "#222222"
-
-PLAN_WIDTH = 600  # pixels for the drawing itself, without the margin
-PLAN_MAX_HEIGHT = 560
-PLAN_MARGIN = 34
 ACROSS_SHOWN = 6  # the strongest pairs between floors named under a plan
 
 STYLE = """
@@ -94,222 +66,6 @@ td.power-changed{background:#ffe8a3;font-weight:700}
 """
 
 
-# -- values as they come: any may be missing or of another type ---------------------------------
-
-
-def _esc(value) -> str:
-    return html.escape("" if value is None else str(value), quote=True)
-
-
-def _num(value):
-    """A finite number, or None."""
-    if isinstance(value, bool) or value is None:
-        return None
-    try:
-        number = float(value)
-    except (TypeError, ValueError):
-        return None
-    return number if math.isfinite(number) else None
-
-
-def _int(value):
-    number = _num(value)
-    return None if number is None else int(round(number))
-
-
-def _list(value) -> list:
-    return [x for x in value if isinstance(x, dict)] if isinstance(value, list) else []
-
-
-def _dict(value) -> dict:
-    return value if isinstance(value, dict) else {}
-
-
-def _point(value):
-    """(x, y) from [x, y], or None."""
-    if isinstance(value, (list, tuple)) and len(value) >= 2:
-        x, y = _num(value[0]), _num(value[1])
-        if x is not None and y is not None:
-            return x, y
-    return None
-
-
-def _band(value):
-    """The band as the key the page uses: "2", "5", "6"; 2.4 counts as 2."""
-    number = _num(value)
-    if number is None:
-        return str(value) if value not in (None, "") else None
-    return str(int(number))
-
-
-def _band_name(band) -> str:
-    return BAND_NAMES.get(band, "band ?" if band is None else f"band {band}")
-
-
-def _band_order(band):
-    number = _num(band)
-    return (0, number, "") if number is not None else (1, 0, str(band))
-
-
-def _text(value, default="—") -> str:
-    return default if value in (None, "") else str(value)
-
-
-def _fixed(value, digits=1, unit="") -> str:
-    number = _num(value)
-    if number is None:
-        return "—"
-    return f"{number:.{digits}f}".replace("-", "−") + (f" {unit}" if unit else "")
-
-
-def _seconds(value) -> str:
-    return _fixed(value, 1, "s")
-
-
-def _duration(value) -> str:
-    seconds = _num(value)
-    if seconds is None:
-        return "—"
-    if seconds < 60:
-        return f"{seconds:.1f} s"
-    minutes, rest = divmod(int(round(seconds)), 60)
-    return f"{minutes} min {rest} s" if minutes < 60 else f"{minutes // 60} h {minutes % 60} min"
-
-
-def _attrs(**values) -> str:
-    """Data attributes, escaped; None is left out. data_ap="x" gives data-ap="x"."""
-    return "".join(
-        f' {name.replace("_", "-")}="{_esc(value)}"' for name, value in values.items() if value is not None
-    )
-
-
-def channel_colour(channel) -> str:
-    """The fill of a channel on every page; one outside the table still gets a fixed colour."""
-    number = _int(channel)
-    if number is None:
-        return NO_CHANNEL_COLOUR
-    return CHANNEL_COLOURS.get(number) or OTHER_COLOURS[number % len(OTHER_COLOURS)]
-
-
-def _text_colour(fill: str) -> str:
-    red, green, blue = (int(fill[i:i + 2], 16) for i in (1, 3, 5))
-    return "#111" if 0.299 * red + 0.587 * green + 0.114 * blue > 150 else "#fff"
-
-
-def _channel_text(radio: dict) -> str:
-    channel = _int(radio.get("channel"))
-    if channel is None:
-        return "—"
-    bandwidth = _int(radio.get("bandwidth"))
-    return f"{channel}/{bandwidth}" if bandwidth and bandwidth != 20 else str(channel)
-
-
-# -- the site as drawn -----------------------------------------------------------------------------
-
-
-class _Site:
-    """What every plan of the page shares: the access points in order with their positions, the
-    floors, the bands and one scale."""
-
-    def __init__(self, data: dict):
-        site = _dict(data.get("site"))
-        self.walls = _list(site.get("walls"))
-        self.externals = _list(data.get("externals"))
-        self.snapshots = _list(data.get("snapshots"))
-        self.strong = _num(data.get("strong_dbm"))
-        if self.strong is None:
-            self.strong = STRONG_DBM
-
-        self.labels = []
-        seen = set()
-        places = {}
-        for ap in _list(data.get("aps")):
-            label = _text(ap.get("label"), "")
-            if label and label not in seen:
-                seen.add(label)
-                self.labels.append(label)
-                places[label] = ap
-        # An access point that only the snapshots, the charts or the decisions name is still shown.
-        for source in [r for s in self.snapshots for r in _list(s.get("radios"))] + _list(
-            data.get("heard")
-        ) + _list(data.get("decisions")):
-            label = _text(source.get("ap"), "")
-            if label and label not in seen:
-                seen.add(label)
-                self.labels.append(label)
-
-        floors = site.get("floors") if isinstance(site.get("floors"), list) else []
-        floor_set = {f for f in (_int(x) for x in floors) if f is not None}
-        floor_set |= {f for f in (_int(places[x].get("floor")) for x in places) if f is not None}
-        self.floors = sorted(floor_set) or [0]
-
-        self.width = _num(site.get("width_m"))
-        self.depth = _num(site.get("depth_m"))
-        known = [(x, y) for x, y in ((_num(p.get("x")), _num(p.get("y"))) for p in places.values())
-                 if x is not None and y is not None]
-        if not self.width or self.width <= 0:
-            self.width = max([x for x, _ in known] + [0.0]) + 5.0 if known else 20.0
-        if not self.depth or self.depth <= 0:
-            self.depth = max([y for _, y in known] + [0.0]) + 5.0 if known else 20.0
-
-        # label -> (x, y, floor, placed by the data)
-        self.positions = {}
-        unplaced = []
-        for label in self.labels:
-            place = places.get(label, {})
-            x, y = _num(place.get("x")), _num(place.get("y"))
-            floor = _int(place.get("floor"))
-            floor = floor if floor in self.floors else self.floors[0]
-            if x is None or y is None:
-                unplaced.append((label, floor))
-            else:
-                self.positions[label] = (x, y, floor, True)
-        # Without a position an access point still appears, on a grid over the site, outlined dashed.
-        columns = max(1, math.ceil(math.sqrt(len(unplaced))))
-        rows = max(1, math.ceil(len(unplaced) / columns))
-        for index, (label, floor) in enumerate(unplaced):
-            x = (index % columns + 0.5) * self.width / columns
-            y = (index // columns + 0.5) * self.depth / rows
-            self.positions[label] = (x, y, floor, False)
-
-        xs = [0.0, self.width] + [p[0] for p in self.positions.values()]
-        ys = [0.0, self.depth] + [p[1] for p in self.positions.values()]
-        for item in self.externals:
-            x, y = _num(item.get("x")), _num(item.get("y"))
-            if x is not None and y is not None:
-                xs.append(x)
-                ys.append(y)
-        for wall in self.walls:
-            for end in (wall.get("from"), wall.get("to")):
-                point = _point(end)
-                if point:
-                    xs.append(point[0])
-                    ys.append(point[1])
-        self.left, self.top = min(xs), min(ys)
-        span_x = max(max(xs) - self.left, 1.0)
-        span_y = max(max(ys) - self.top, 1.0)
-        self.scale = min(PLAN_WIDTH / span_x, PLAN_MAX_HEIGHT / span_y)
-        self.pixel_width = span_x * self.scale + 2 * PLAN_MARGIN
-        self.pixel_height = span_y * self.scale + 2 * PLAN_MARGIN
-
-        bands = set()
-        for snapshot in self.snapshots:
-            bands |= {_band(r.get("band")) for r in _list(snapshot.get("radios"))}
-        bands.discard(None)
-        self.bands = sorted(bands, key=_band_order) or list(DEFAULT_BANDS)
-
-    def pixel(self, x, y):
-        return (PLAN_MARGIN + (x - self.left) * self.scale, PLAN_MARGIN + (y - self.top) * self.scale)
-
-    def radius(self, floor) -> float:
-        """Circles shrink where access points stand close, so that neighbours stay apart."""
-        points = [self.pixel(x, y) for x, y, f, _ in self.positions.values() if f == floor]
-        nearest = min(
-            (math.dist(a, b) for i, a in enumerate(points) for b in points[i + 1:]), default=60.0
-        )
-        return max(5.0, min(14.0, nearest * 0.3))
-
-
 def _radios_by_ap(snapshot: dict, band) -> dict:
     found = {}
     for radio in _list(snapshot.get("radios")):
@@ -319,17 +75,6 @@ def _radios_by_ap(snapshot: dict, band) -> dict:
 
 
 # -- the summary -------------------------------------------------------------------------------------
-
-
-def _interference(snapshot: dict) -> dict:
-    return {str(k): _num(v) for k, v in _dict(snapshot.get("interference_dbm")).items()}
-
-
-def _interference_keys(snapshots) -> list:
-    keys = set()
-    for snapshot in snapshots:
-        keys |= {k for k in _interference(snapshot) if k != "total"}
-    return sorted(keys, key=_band_order)
 
 
 def _change(before, after) -> str:
