@@ -26,7 +26,9 @@ The modules, by concern:
   programs     one child process, its output and its end
   accesspoint  one access point: its scenario, device root, request log and report files
   addresses    MAC addresses, chanspecs, neighbour-report commands; who an address is
-  report       the page of what happened on a site (plans before and after, decisions)
+  report       the page of what happened on a site (plans before and after, decisions), a
+               package: page assembles the sections summary, plans, decisions, heard and
+               neighbours, which draw on site, colours, bands and values
 """
 import pathlib
 import sys
