@@ -168,3 +168,15 @@ def test_a_program_that_dies_ends_the_lab_with_status_1():
     assert proc.returncode == 1, output
     assert "error: ap1 orvd ended on its own (killed by SIGKILL)" in output
     assert_cleaned_up(output)
+
+
+def test_a_bad_site_file_ends_the_lab_with_status_1_naming_the_value(tmp_path):
+    site = tmp_path / "site.json"
+    site.write_text('{"aps": [{"x": 0, "y": 0}, {"x": "far", "y": 0}]}')
+    result = subprocess.run(lab_command("--site", str(site)), capture_output=True, text=True, timeout=60,
+                            stdin=subprocess.DEVNULL)
+    assert result.returncode == 1, result.stdout + result.stderr
+    assert f"error: site: {site}: aps[1].x: a number" in result.stdout, result.stdout
+    both = subprocess.run(lab_command("--site", str(site), "--aps", "3"), capture_output=True, text=True,
+                          timeout=60, stdin=subprocess.DEVNULL)
+    assert both.returncode == 2 and "give --site or --aps, not both" in both.stderr, both.stderr
