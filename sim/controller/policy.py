@@ -375,10 +375,18 @@ def co_channel(candidate: Candidate, neighbours: Iterable[Neighbour]) -> list:
 def choose_power(radio: dict, candidate: Candidate, neighbours: Iterable[Neighbour], settings: Settings) -> tuple:
     """("power-max" or "power-max" - backoff when a strong co-channel neighbour is heard, kept
     within "power-min".."power-max"; the strong neighbours). A radio that reports no maximum
-    gets 0, which orvd reads as "leave the power"."""
+    gets 0, which orvd reads as "leave the power".
+
+    A radio already below its maximum counts a neighbour as strong down to backoff dB under the
+    threshold: the neighbour may have backed off too, and would be strong again at full power.
+    Without that, two radios that hear each other near the threshold back off together, then
+    hear each other weaker and come back together, cycle after cycle."""
     high = _int(radio.get("power-max"))
     low = _int(radio.get("power-min"))
-    strong = [n.bssid for n in co_channel(candidate, neighbours) if n.rssi > settings.strong_rssi]
+    threshold = settings.strong_rssi
+    if 0 < _int(radio.get("power")) < high:
+        threshold -= settings.backoff_db
+    strong = [n.bssid for n in co_channel(candidate, neighbours) if n.rssi > threshold]
     if high <= 0:
         return 0, strong
     power = high - settings.backoff_db if strong else high

@@ -346,3 +346,15 @@ def test_a_managed_neighbour_is_also_known_by_the_address_orvd_derives_for_it():
     assert (moved.channel, moved.rssi) == (11, -50)
     (unknown,) = policy.as_planned(policy.merge_environment([[heard("02:00:00:00:00:01", -50, 6)]]), [other])
     assert unknown.channel == 6
+
+
+def test_a_radio_that_backed_off_stays_down_while_its_neighbour_could_be_strong_at_full_power():
+    # At full power, -72 dBm is not strong (-70): it stays at the maximum.
+    full = [radio(0, 6, available="6 ", power=20, power_max=20, vaps=[])]
+    assert choice_for(policy.plan(rrm_response(full, [heard("02:00:00:00:00:01", -72, 6)])), 0).power == 20
+    # Backed off to 17, the same -72 may be a neighbour backed off too: it stays at 17 ...
+    down = [radio(0, 6, available="6 ", power=17, power_max=20, vaps=[])]
+    kept = choice_for(policy.plan(rrm_response(down, [heard("02:00:00:00:00:01", -72, 6)])), 0)
+    assert (kept.power, kept.strong_co_channel) == (17, ["02:00:00:00:00:01"])
+    # ... and comes back up once the neighbour is more than the backoff below the threshold.
+    assert choice_for(policy.plan(rrm_response(down, [heard("02:00:00:00:00:01", -74, 6)])), 0).power == 20

@@ -3,6 +3,7 @@ told it hears, the site's co-channel interference, and the reference policy plan
 import json
 import math
 import pathlib
+import random
 import socket
 import threading
 
@@ -287,9 +288,11 @@ def test_interference_counts_each_pair_on_overlapping_channels_both_ways(two_aps
 # -- the reference policy planning a site ---------------------------------------------------------
 
 
-def plan_site(count, cycles):
+def plan_site(count, cycles, seed):
     """The office planned by the reference policy, one access point after the other as their
-    scans come in, each scan hearing the site as it is: the interference after each cycle."""
+    scans come in, in an order drawn from `seed` each cycle: the interference and the plan
+    after each cycle."""
+    order = random.Random(seed)
     site = office(count, SCENARIO)
     keeper = SiteKeeper(site, {ap.label: pathlib.Path("/nonexistent") for ap in site.aps}, {})
     for ap in site.aps:
@@ -306,20 +309,27 @@ def plan_site(count, cycles):
                 for i, r in enumerate(x for x in keeper.radios if x.ap is ap)]
 
     figures = [site_interference(site, keeper.radios)[1]["total"]]
+    plans = [[(r.channel, r.power) for r in keeper.radios]]
     for _ in range(cycles):
-        for ap in site.aps:
-            scan = [{"bssid": e["bssid"], "rssi": next(iter(e["rssi"].values())), "channel": e["channel"],
-                     "bandwidth": e["bandwidth"]} for e in keeper.heard_by(ap)]
+        # As in the lab: every access point scans at about the same time, then the service
+        # decides for one after the other as their results come in.
+        scans = {ap.label: [{"bssid": e["bssid"], "rssi": next(iter(e["rssi"].values())), "channel": e["channel"],
+                             "bandwidth": e["bandwidth"]} for e in keeper.heard_by(ap)] for ap in site.aps}
+        for ap in order.sample(site.aps, len(site.aps)):
+            scan = scans[ap.label]
             peers = [policy.AccessPoint(p.scenario["factory"]["mac"], "", described(p)) for p in site.aps if p is not ap]
             response = {"ap-mac": ap.scenario["factory"]["mac"], "radios": described(ap), "rf-environment": [scan]}
             radios = [r for r in keeper.radios if r.ap is ap]
             for choice in policy.plan(response, peers).choices:
                 radios[choice.id].channel, radios[choice.id].power = choice.channel, choice.power
         figures.append(site_interference(site, keeper.radios)[1]["total"])
-    return figures
+        plans.append([(r.channel, r.power) for r in keeper.radios])
+    return figures, plans
 
 
-def test_the_reference_policy_plans_a_20_ap_office_10_db_quieter_and_stable_within_3_cycles():
-    figures = plan_site(20, 5)
+@pytest.mark.parametrize("count, seed", [(6, seed) for seed in range(3)] + [(20, seed) for seed in range(10)])
+def test_the_reference_policy_plans_an_office_10_db_quieter_and_stable_within_3_cycles(count, seed):
+    figures, plans = plan_site(count, 6, seed)
     assert figures[0] - figures[3] >= 10.0, figures
-    assert figures[3] == figures[4] == figures[5], figures
+    assert plans[3] == plans[4] == plans[5] == plans[6], [
+        [i for i, (a, b) in enumerate(zip(plans[n], plans[n + 1])) if a != b] for n in range(6)]
