@@ -29,6 +29,8 @@ def arguments(argv=None):
     parser.add_argument("--strong-rssi", type=float, default=Settings.strong_rssi,
                         help="a co-channel neighbour above this (dBm) makes a radio back off")
     parser.add_argument("--backoff", type=int, default=Settings.backoff_db, help="how far it backs off (dB)")
+    parser.add_argument("--min-gain", type=float, default=Settings.min_gain_db,
+                        help="how much less interference another channel needs before a radio moves (dB)")
     parser.add_argument("--log", help="append every event to this file, with times")
     parser.add_argument("--quiet", action="store_true", help="print nothing but the listening line")
     return parser.parse_args(argv)
@@ -40,7 +42,7 @@ def main(argv=None):
         args.host,
         args.port,
         policy=args.policy,
-        settings=Settings(strong_rssi=args.strong_rssi, backoff_db=args.backoff),
+        settings=Settings(strong_rssi=args.strong_rssi, backoff_db=args.backoff, min_gain_db=args.min_gain),
         scan_delay=args.scan_delay,
         driver_scan=1 if args.driver_scan else 0,
         scan_channels=args.scan_channels,
