@@ -41,6 +41,9 @@ def test_an_office_of_six_plans_itself_quieter_and_pictures_it(tmp_path):
 
     # The report, as chromium renders it: every access point before (all on 6 and 36) and after
     # (on the channels the lab read back from each at the stop), decisions, channels heard.
+    text = page.read_text()
+    for outside in ("http://", "https://", "<script", "src=", "href="):
+        assert outside not in text, f"the report reaches outside itself: {outside}"
     dom = browser.dump_dom(page)
     final = {}
     for ap in range(1, 7):
