@@ -6,14 +6,17 @@ import math
 import pathlib
 import sys
 
-SCRIPTS = pathlib.Path(__file__).resolve().parents[3] / "scripts"
-if str(SCRIPTS) not in sys.path:
-    sys.path.insert(0, str(SCRIPTS))
+TOP = pathlib.Path(__file__).resolve().parents[3]
+for folder in (TOP / "scripts", TOP):
+    if str(folder) not in sys.path:
+        sys.path.insert(0, str(folder))
 
 from lablib import report  # noqa: E402
+from sim.controller import policy  # noqa: E402
+from sim.site.model import BandModel, Site, SiteAp, Wall  # noqa: E402
+from sim.site.propagation import path_loss  # noqa: E402
 
 SPACING_M = 15.0
-FLOOR_HEIGHT_M = 4.0
 FLOOR_LOSS_DB = 15.0
 WALLS = [
     {"floor": 0, "from": [0, 15], "to": [20, 15], "loss_db": 5},
@@ -51,26 +54,21 @@ def _overlap(band, a, b):
     return max(0.0, 1.0 - abs(a[0] - b[0]) / 5.0)
 
 
-def _crosses(p, q, r, s):
-    """Whether the segments pq and rs cross."""
-    def side(a, b, c):
-        return (b[0] - a[0]) * (c[1] - a[1]) - (b[1] - a[1]) * (c[0] - a[0])
-    return side(p, q, r) * side(p, q, s) < 0 and side(r, s, p) * side(r, s, q) < 0
+# The sample hears through the site's own propagation model (sim/site), without fading and with
+# one exponent for both bands.
+SITE = Site(aps=[], walls=[Wall(w["floor"], tuple(w["from"]), tuple(w["to"]), w["loss_db"]) for w in WALLS],
+            floor_loss_db=FLOOR_LOSS_DB, fading_db=0.0, bands={2: BandModel(40.0, 3.5), 5: BandModel(40.0, 3.5)})
 
 
 def _path_loss(a, b):
-    """An indoor log-distance model: each wall crossed on the floor and each floor between them
-    add their loss."""
-    (ax, ay, af), (bx, by, bf) = a, b
-    distance = max(math.dist((ax, ay, af * FLOOR_HEIGHT_M), (bx, by, bf * FLOOR_HEIGHT_M)), 1.0)
-    walls = sum(w["loss_db"] for w in WALLS
-                if af == bf == w["floor"] and _crosses((ax, ay), (bx, by), w["from"], w["to"]))
-    return 40.0 + 35.0 * math.log10(distance) + walls + FLOOR_LOSS_DB * abs(af - bf)
+    """Each place is (x, y, floor)."""
+    one, other = (SiteAp("", *a, {}), SiteAp("", *b, {}))
+    return path_loss(SITE, 2, one, other, "a", "b")
 
 
 def _dbm_sum(values):
-    total = sum(10 ** (v / 10) for v in values)
-    return round(10 * math.log10(total), 1) if total else None
+    total = sum(policy.dbm_to_mw(v) for v in values)
+    return round(policy.mw_to_dbm(total), 1) if total else None
 
 
 def _snapshot(name, time_s, cycle, settings, places):
